@@ -8,7 +8,7 @@ build=${1:-$root/build}
 type=${2:-Release}
 
 packages=(g++ cmake make pkg-config libgtk2.0-dev libsuitesparse-dev libopenblas0-pthread
-          libgtest-dev libgmock-dev libbenchmark-dev xvfb xauth imagemagick clang-format)
+          libgtest-dev libgmock-dev libbenchmark-dev xvfb xauth imagemagick clang-format clang-14 libclang-rt-14-dev)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
