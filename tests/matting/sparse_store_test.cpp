@@ -356,6 +356,8 @@ TEST(SparseStoreErrors, IndicesOutsideOneToDimensionAreRejected) {
                 c.call(&Q, &v, bad);
                 CHILD_EXPECT(LASResult() == LAS_RANGE_ERR);
                 CHILD_EXPECT(error_description() == std::string(c.expected) + "Indices are out of range.\n");
+                Q_Destr(&Q);
+                V_Destr(&v);
             });
         }
     }
@@ -367,12 +369,14 @@ TEST(SparseStoreErrors, IndicesOutsideOneToDimensionAreRejected) {
         CHILD_EXPECT(LASResult() == LAS_OK);
         Q_GetVal(&Q, 1, 3);
         CHILD_EXPECT(LASResult() == LAS_RANGE_ERR);
+        Q_Destr(&Q);
     });
     in_child([] {
         QMatrix Q;
         build_example(&Q);
         Q_SetEntry(&Q, 4, 0, 4, 1.0); // row 4 is empty
         CHILD_EXPECT(LASResult() == LAS_RANGE_ERR);
+        Q_Destr(&Q);
     });
 }
 
@@ -383,6 +387,7 @@ TEST(SparseStoreErrors, WritesNeedANormalInstance) {
         Q_SetLen(&T, 1, 2);
         CHILD_EXPECT(LASResult() == LAS_LVALUE_ERR);
         CHILD_EXPECT(error_description() == "in Q_SetLen for T:\nL-value parameter is expected.\n");
+        Q_Destr(&T);
     });
     in_child([] {
         Vector v;
@@ -390,6 +395,7 @@ TEST(SparseStoreErrors, WritesNeedANormalInstance) {
         V_SetCmp(&v, 1, 2.0);
         CHILD_EXPECT(LASResult() == LAS_RANGE_ERR);
         CHILD_EXPECT(error_description() == "in V_SetCmp for t:\nIndices are out of range.\n");
+        V_Destr(&v);
     });
     in_child([] {
         Vector v;
@@ -397,6 +403,7 @@ TEST(SparseStoreErrors, WritesNeedANormalInstance) {
         CHILD_EXPECT(v.cmp == nullptr);
         V_SetCmp(&v, 1, 2.0);
         CHILD_EXPECT(LASResult() == LAS_RANGE_ERR);
+        V_Destr(&v);
     });
 }
 
@@ -520,6 +527,8 @@ TEST(SparseStoreErrors, ZeroDiagonalAndKernelDimensionsAreReported) {
         CHILD_EXPECT(!Q_KerDefined(&Q));
         CHILD_EXPECT(error_description() ==
                      "in Q_SetKer for A, k, k:\nObjects have incompatible dimensions.\n");
+        Q_Destr(&Q);
+        V_Destr(&k);
     });
 }
 
