@@ -10,45 +10,9 @@
 #include "matting/sparse_store.h"
 #include "numeric/arrays.h"
 #include "numeric/tiff.h"
+#include "tests/matting/engine_fixtures.h"
 
 namespace {
-
-// Deterministic pseudo-random bytes, so every run sees the same images.
-uint8_t noise(unsigned seed) {
-    seed = seed * 1103515245u + 12345u;
-    seed ^= seed >> 13;
-    seed *= 2654435761u;
-    return (uint8_t)(seed >> 24);
-}
-
-TIFF_img make_image(int H, int W, char type, unsigned seed) {
-    TIFF_img img;
-    get_TIFF(&img, H, W, type);
-    for (int i = 0; i < H; i++)
-        for (int j = 0; j < W; j++) {
-            if (type == 'c') {
-                for (int ch = 0; ch < 3; ch++)
-                    img.color[ch][i][j] = noise(seed + 7919u * (i * W + j) + 31u * ch);
-            } else {
-                img.mono[i][j] = noise(seed + 7919u * (i * W + j));
-            }
-        }
-    return img;
-}
-
-void release(TIFF_img *img) {
-    const bool colour = img->TIFF_type == 'c';
-    free_TIFF(img);
-    if (colour) free(img->color);
-}
-
-double **make_map(int H, int W, double fill) {
-    double **m = (double **)get_img(W, H, sizeof(double));
-    for (int i = 0; i < H; i++)
-        for (int j = 0; j < W; j++)
-            m[i][j] = fill;
-    return m;
-}
 
 // Inverse of a symmetric positive-definite matrix by Gauss-Jordan elimination with partial pivoting.
 std::vector<double> inverse(std::vector<double> A, int c) {
