@@ -6,7 +6,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <vector>
 
 namespace {
 
@@ -45,37 +44,43 @@ void **make_2d(int cols, int rows, size_t size, Allocator alloc, const char *mes
     return table;
 }
 
+// The dimensions are read twice from the argument list: once to check that every level's entry count
+// fits, so that nothing is allocated for a request that must fail, and once to build the levels
+// outermost first, linking each pointer table to the block allocated after it.
 void *make_nd(size_t size, int n, va_list dims_in, Allocator alloc, const char *message) {
     if (n < 1) out_of_memory(message);
-    std::vector<int> dims(n);
-    // count[k] = d0 * d1 * ... * dk: the number of entries at level k (the element count for k = n-1).
-    std::vector<int> count(n);
-    long long product = 1;
+    va_list dims;
+    va_copy(dims, dims_in);
+    long long count = 1;
     for (int k = 0; k < n; k++) {
-        dims[k] = va_arg(dims_in, int);
-        if (dims[k] < 0) out_of_memory(message);
-        product *= dims[k];
-        if (product > INT_MAX) out_of_memory(message);
-        count[k] = static_cast<int>(product);
+        int d = va_arg(dims, int);
+        if (d < 0) out_of_memory(message);
+        count *= d;
+        if (count > INT_MAX) out_of_memory(message);
     }
-    if (n == 1) return alloc(count[0], size);
+    va_end(dims);
 
-    std::vector<void **> tables(n - 1);
-    for (int k = 0; k < n - 1; k++)
-        tables[k] = static_cast<void **>(alloc(count[k] > 0 ? count[k] : 1, sizeof(void *)));
-    char *elements = static_cast<char *>(alloc(count[n - 1], size));
-
-    for (int k = 0; k < n - 1; k++) {
-        bool last = k == n - 2;
-        char *next = last ? elements : reinterpret_cast<char *>(tables[k + 1]);
-        size_t stride = static_cast<size_t>(dims[k + 1]) * (last ? size : sizeof(void *));
-        // Slot 0 always leads to the next level, even for an empty level, because multifree walks
-        // the levels through it.
-        tables[k][0] = next;
-        for (int j = 1; j < count[k]; j++)
-            tables[k][j] = next + static_cast<size_t>(j) * stride;
+    int d0 = va_arg(dims_in, int);
+    if (n == 1) return alloc(d0, size);
+    // One slot even for an empty level, so that slot 0 always leads to the next level: multifree
+    // walks the levels through it.
+    void **first = static_cast<void **>(alloc(d0 > 0 ? d0 : 1, sizeof(void *)));
+    void **table = first;
+    int table_count = d0;
+    for (int k = 1; k < n; k++) {
+        int d = va_arg(dims_in, int);
+        int next_count = table_count * d;
+        bool elements = k == n - 1;
+        char *next = elements ? static_cast<char *>(alloc(next_count, size))
+                              : static_cast<char *>(alloc(next_count > 0 ? next_count : 1, sizeof(void *)));
+        size_t stride = static_cast<size_t>(d) * (elements ? size : sizeof(void *));
+        table[0] = next;
+        for (int j = 1; j < table_count; j++)
+            table[j] = next + static_cast<size_t>(j) * stride;
+        table = reinterpret_cast<void **>(next);
+        table_count = next_count;
     }
-    return tables[0];
+    return first;
 }
 
 } // namespace
