@@ -39,12 +39,13 @@ void error_message_dialog(GtkWidget *widget, const char *text) {
         "Error", toplevel_window(widget), (GtkDialogFlags)(GTK_DIALOG_MODAL | GTK_DIALOG_DESTROY_WITH_PARENT),
         GTK_STOCK_OK, GTK_RESPONSE_NONE, NULL);
     GtkWidget *content = gtk_dialog_get_content_area(GTK_DIALOG(dialog));
-    gtk_container_set_border_width(GTK_CONTAINER(content), 5);
     gtk_box_set_spacing(GTK_BOX(content), 10);
     gtk_container_add(GTK_CONTAINER(content), frame);
     gtk_container_add(GTK_CONTAINER(frame), label);
 
     gtk_widget_show_all(dialog);
+    // A dialog puts its theme's border on the content area when it gets its style, on showing.
+    gtk_container_set_border_width(GTK_CONTAINER(content), 5);
     set_canvas_cursor(NULL);
     gtk_dialog_run(GTK_DIALOG(dialog));
     set_canvas_cursor(blank_cursor);
