@@ -105,7 +105,7 @@ void WriteLASErrDescr(FILE *stream) {
 
 void Q_Constr(QMatrix *Q, const char *name, size_t dim, bool symmetry, ElOrderType el_order,
               InstanceType instance, bool own_data) {
-    Q->name = copy_string(name);
+    Q->name = copy_string(name != nullptr ? name : "");
     if (Q->name == nullptr) LASError(LAS_MEM_ALLOC_ERR, "Q_Constr", name, nullptr, nullptr);
     Q->dim = dim;
     Q->symmetry = symmetry;
@@ -208,7 +208,7 @@ void Q_Destr(QMatrix *Q) {
 
 void Q_SetName(QMatrix *Q, const char *name) {
     if (LASResult() != LAS_OK) return;
-    char *copy = copy_string(name);
+    char *copy = copy_string(name != nullptr ? name : "");
     if (copy == nullptr) {
         LASError(LAS_MEM_ALLOC_ERR, "Q_SetName", name, nullptr, nullptr);
         return;
@@ -438,7 +438,7 @@ void Q_Unlock(QMatrix *Q) {
 // Vector operations.
 
 void V_Constr(Vector *V, const char *name, size_t dim, InstanceType instance, bool own_data) {
-    V->name = copy_string(name);
+    V->name = copy_string(name != nullptr ? name : "");
     if (V->name == nullptr) LASError(LAS_MEM_ALLOC_ERR, "V_Constr", name, nullptr, nullptr);
     V->dim = dim;
     V->instance = instance;
@@ -462,7 +462,7 @@ void V_Destr(Vector *V) {
 
 void V_SetName(Vector *V, const char *name) {
     if (LASResult() != LAS_OK) return;
-    char *copy = copy_string(name);
+    char *copy = copy_string(name != nullptr ? name : "");
     if (copy == nullptr) {
         LASError(LAS_MEM_ALLOC_ERR, "V_SetName", name, nullptr, nullptr);
         return;
