@@ -1,0 +1,19 @@
+// keldra-matte: mattes an image from its scribbles or trimap without the GUI (see cli/matte_cli.h).
+#include <cstdio>
+#include <string>
+
+#include "cli/matte_cli.h"
+
+int main(int argc, char **argv) {
+    matte_options opts;
+    std::string error;
+    int status = parse_matte_args(argc, argv, &opts, &error);
+    if (status == MATTE_EXIT_OK && opts.help) {
+        fputs(matte_usage(), stdout);
+        return MATTE_EXIT_OK;
+    }
+    if (status == MATTE_EXIT_OK) status = run_matte(opts, stderr, &error);
+    if (status != MATTE_EXIT_OK) fprintf(stderr, "keldra-matte: %s\n", error.c_str());
+    if (status == MATTE_EXIT_USAGE) fputs("Try 'keldra-matte --help' for more information.\n", stderr);
+    return status;
+}
