@@ -13,7 +13,9 @@ int main(int argc, char **argv) {
         return MATTE_EXIT_OK;
     }
     if (status == MATTE_EXIT_OK) status = run_matte(opts, stderr, &error);
-    if (status != MATTE_EXIT_OK) fprintf(stderr, "keldra-matte: %s\n", error.c_str());
-    if (status == MATTE_EXIT_USAGE) fputs("Try 'keldra-matte --help' for more information.\n", stderr);
+    if (status == MATTE_EXIT_USAGE)
+        fprintf(stderr, "keldra-matte: %s (see keldra-matte --help)\n", error.c_str());
+    else if (status != MATTE_EXIT_OK)
+        fprintf(stderr, "keldra-matte: %s\n", error.c_str());
     return status;
 }

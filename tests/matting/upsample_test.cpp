@@ -63,30 +63,6 @@ TEST(Upsample, LinearCoefficientsRecoveredExactlyWithoutRegularisation) {
     release(&grey);
 }
 
-TEST(Upsample, BordersCopyTheNearestFittedRowThenColumn) {
-    // Alpha linear in colour with a different model in each column: the fit at column j recovers its
-    // own model, and border rows and columns repeat their neighbours' fits.
-    const int H = 7, W = 8, r = 1;
-    TIFF_img img = make_image(H, W, 'g', 9);
-    double **alpha = make_map(H, W, 0.0);
-    for (int i = 0; i < H; i++)
-        for (int j = 0; j < W; j++)
-            alpha[i][j] = (i < 4 ? 0.2 : 0.9) * img.mono[i][j] / 255.0;
-    double ***c = getLinearCoeff(alpha, &img, r, 0.0);
-    for (int j = 1; j < W - 1; j++) {
-        EXPECT_EQ(c[0][j][0], c[1][j][0]);
-        EXPECT_EQ(c[H - 1][j][0], c[H - 2][j][0]);
-        EXPECT_NEAR(c[1][j][0], 0.2, 1e-9); // rows 0..2 hold the upper model only
-    }
-    for (int i = 0; i < H; i++) {
-        EXPECT_EQ(c[i][0][0], c[i][1][0]);
-        EXPECT_EQ(c[i][W - 1][1], c[i][W - 2][1]);
-    }
-    multifree(c, 3);
-    free_img((void **)alpha);
-    release(&img);
-}
-
 TEST(UpsampleDeathTest, UniformWindowWithoutRegularisationIsFatal) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     TIFF_img img;
