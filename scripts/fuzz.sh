@@ -2,7 +2,7 @@
 # Fuzzes one reader of untrusted files with libFuzzer under AddressSanitizer and UBSan.
 #   scripts/fuzz.sh NAME SECONDS [LIBFUZZER_OPTION...]
 # Builds fuzz/NAME_fuzz.cpp with clang++-14 against the numeric and matting sources (compiled into
-# one static archive, so the linker takes only the units the target needs) into build-fuzz/, then
+# one static archive, so the linker takes only the units the target needs) into build-fuzz/NAME/, then
 # runs it for SECONDS on build-fuzz/NAME/corpus, a working copy of fuzz/corpus/NAME that keeps the
 # inputs the fuzzer finds from one run to the next. Crashing inputs go to build-fuzz/NAME/crashes/;
 # copy each one into fuzz/corpus/NAME/ once the reader is fixed, so that every build replays it.
@@ -29,9 +29,11 @@ if ! command -v "$cxx" >/dev/null; then
     exit 2
 fi
 
+# Each target has its own objects and archive, so that two targets can be fuzzed at the same time.
 out=$root/build-fuzz
 work=$out/$name
-objs=$out/obj
+objs=$work/obj
+archive=$work/libkeldra_fuzz.a
 mkdir -p "$objs" "$work/corpus" "$work/crashes"
 
 suitesparse=/usr/include/suitesparse
@@ -42,7 +44,7 @@ common=(-std=c++17 -g -O1 -fno-omit-frame-pointer -fno-sanitize-recover=undefine
 # warning, and the link below fails only if the target needed it.
 newest_header=$(find "$root/numeric" "$root/matting" -name '*.h' -printf '%T@\n' 2>/dev/null | sort -n | tail -1)
 newest_header=${newest_header:-0}
-rm -f "$out/libkeldra_fuzz.a"
+rm -f "$archive"
 members=()
 for src in "$root"/numeric/*.cpp "$root"/matting/*.cpp; do
     [ -f "$src" ] || continue
@@ -58,12 +60,12 @@ for src in "$root"/numeric/*.cpp "$root"/matting/*.cpp; do
     members+=("$obj")
 done
 if [ ${#members[@]} -gt 0 ]; then
-    ar rcs "$out/libkeldra_fuzz.a" "${members[@]}"
+    ar rcs "$archive" "${members[@]}"
 fi
 
 binary=$out/${name}_fuzz
 libs=()
-[ -f "$out/libkeldra_fuzz.a" ] && libs+=("$out/libkeldra_fuzz.a")
+[ -f "$archive" ] && libs+=("$archive")
 if ! "$cxx" "${common[@]}" -fsanitize=fuzzer,address,undefined "$target_src" "${libs[@]}" \
     -lumfpack -lcholmod -lamd -lcolamd -lsuitesparseconfig -lm -o "$binary"; then
     echo "fuzz: building $binary failed" >&2
