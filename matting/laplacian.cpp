@@ -250,18 +250,17 @@ QMatrix getLaplacian1(const TIFF_img *image, const double *const *constraint_map
 }
 
 int get_non_zeroes(const double *const *constraint_map, int width, int height, int radius) {
-    const int span = (4 * radius + 1) * (4 * radius + 1);
-    int total = 0;
+    const long long span = (4LL * radius + 1) * (4LL * radius + 1);
+    long long total = 0;
     for (int j = 0; j < width; j++)
         for (int i = 0; i < height; i++) {
-            const int add = constraint_map[i][j] == 0.0 ? span : 1;
-            if (total > INT_MAX - add) {
+            total += constraint_map[i][j] == 0.0 ? span : 1;
+            if (total > INT_MAX) {
                 fprintf(stderr, "integer overrun in get_non_zeroes function");
                 return -1;
             }
-            total += add;
         }
-    return total;
+    return (int)total;
 }
 
 double SymLaplacianMBreq(int width, int height, int radius) {
