@@ -254,6 +254,9 @@ int KELDRA_ENTRY(int argc, char **argv) {
     win_surf = cairo_image_surface_create(CAIRO_FORMAT_ARGB32, 1, 1);
     surf_layer = cairo_image_surface_create(CAIRO_FORMAT_ARGB32, 1, 1);
 
+    // The records live until the process ends; a second run in the same process (tests) starts afresh.
+    g_free(pass_calc_args);
+    g_free(pass_option_args);
     pass_calc_args = g_new0(struct calc_args, 1);
     pass_option_args = g_new0(struct option_args, 1);
     opts_set_default(pass_option_args);

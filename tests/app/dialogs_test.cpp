@@ -32,15 +32,6 @@ Box find_colour(GdkPixbuf *p, int r, int g, int b, int tolerance) {
     return box;
 }
 
-std::vector<GtkWidget *> children(GtkWidget *container) {
-    std::vector<GtkWidget *> out;
-    GList *list = gtk_container_get_children(GTK_CONTAINER(container));
-    for (GList *l = list; l != nullptr; l = l->next)
-        out.push_back(GTK_WIDGET(l->data));
-    g_list_free(list);
-    return out;
-}
-
 std::vector<GtkWidget *> action_buttons(GtkWidget *dialog) {
     return children(gtk_dialog_get_action_area(GTK_DIALOG(dialog)));
 }
@@ -85,15 +76,12 @@ void expect_error_dialog(HostWindow &host, GtkWidget *from, const char *text, co
     EXPECT_EQ(host.canvas_cursor(), blank_cursor);
 }
 
-TEST(Dialogs, ErrorDialogShowsPlainTextWithOneOkButton) {
+// Any text, markup characters included, is shown as it is; the Tips go through the same dialog.
+TEST(Dialogs, ErrorDialogShowsPlainTextWithOneOkButtonAndSoDoTheTips) {
     HostWindow host;
-    const char *text = "failure: <b>internal</b> error & more\nsecond line";
-    expect_error_dialog(host, host.window, text, "error_dialog", error_message_dialog);
+    expect_error_dialog(host, host.window, "failure: <b>internal</b> error & more\nsecond line",
+                        "error_dialog", error_message_dialog);
     expect_error_dialog(host, drawing_area, "", "error_dialog_empty", error_message_dialog);
-}
-
-TEST(Dialogs, TipsAppearInTheErrorDialog) {
-    HostWindow host;
     const char *tips =
         "If your image seems too big you can try:\na) Scale the image down using an external "
         "application.\n\nb) Increase the number of scaling steps in the calculation options.\n\nc) "
@@ -168,33 +156,6 @@ TEST(Dialogs, AboutBoxScalesItsLogoWithTheBox) {
     gdk_threads_leave();
     EXPECT_TRUE(seen);
     EXPECT_EQ(host.canvas_cursor(), blank_cursor);
-}
-
-TEST(Dialogs, AssistanceAreaPaintsTheMarkAndItsText) {
-    gui_init();
-    GtkWarningCounter warnings;
-    GtkWidget *area = get_assistance_area(nullptr, "WWWWWWWWWWWW");
-    // The window call made on the drawing area is refused by the toolkit and changes nothing.
-    EXPECT_EQ(warnings.messages.size(), 1u);
-    GtkWidget *window = gtk_window_new(GTK_WINDOW_TOPLEVEL);
-    gtk_widget_set_size_request(area, 160, 30);
-    gtk_container_add(GTK_CONTAINER(window), area);
-    gtk_widget_show_all(window);
-    pump(200);
-    GdkPixbuf *pixels = grab_widget(area);
-    ASSERT_NE(pixels, nullptr);
-    Box brown = find_colour(pixels, 176, 48, 0, 12);
-    Box black = find_colour(pixels, 0, 0, 0, 40);
-    g_object_unref(pixels);
-    // The mark at scale 1, shifted 5 pixels right; the text's baseline at y 20 from x 25.
-    EXPECT_GT(brown.count, 20);
-    EXPECT_GE(brown.x0, 4);
-    EXPECT_LE(brown.x1, 27);
-    EXPECT_GT(black.count, 20);
-    EXPECT_GE(black.x0, 25);
-    EXPECT_LE(black.y1, 22);
-    EXPECT_GE(black.y0, 10);
-    gtk_widget_destroy(window);
 }
 
 } // namespace

@@ -49,6 +49,15 @@ inline GtkWidget *find_toplevel(const char *title) {
     return found;
 }
 
+inline std::vector<GtkWidget *> children(GtkWidget *container) {
+    std::vector<GtkWidget *> out;
+    GList *list = gtk_container_get_children(GTK_CONTAINER(container));
+    for (GList *l = list; l != nullptr; l = l->next)
+        out.push_back(GTK_WIDGET(l->data));
+    g_list_free(list);
+    return out;
+}
+
 // Sends the window the event its close box would send.
 inline void close_box(GtkWidget *window) {
     GdkEvent *event = gdk_event_new(GDK_DELETE);

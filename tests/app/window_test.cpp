@@ -1,5 +1,5 @@
-// The main window as the real program builds it: globals, layout, menus and accelerators, toolbar,
-// adjustments, drawing area, icon lookup. Each test runs keldra_main and inspects the window from a
+// The main window as the real program builds it: layout, canvas, menus and accelerators, toolbar,
+// adjustments, icon lookup. Each test runs keldra_main and inspects the window from a
 // timeout before closing it by its close box.
 #include <gdk/gdkkeysyms.h>
 #include <gtest/gtest.h>
@@ -42,15 +42,6 @@ bool connected(gpointer instance, const char *signal, GCallback handler, gpointe
                id, 0, nullptr, (gpointer)handler, data) != 0;
 }
 
-std::vector<GtkWidget *> children(GtkWidget *container) {
-    std::vector<GtkWidget *> out;
-    GList *list = gtk_container_get_children(GTK_CONTAINER(container));
-    for (GList *l = list; l != nullptr; l = l->next)
-        out.push_back(GTK_WIDGET(l->data));
-    g_list_free(list);
-    return out;
-}
-
 GtkToolItem *tool(int n) {
     return gtk_toolbar_get_nth_item(GTK_TOOLBAR(toolbar), n);
 }
@@ -72,48 +63,6 @@ std::string image_file(GtkWidget *image) {
 
 GtkWidget *icon_of(int n) {
     return gtk_tool_button_get_icon_widget(GTK_TOOL_BUTTON(tool(n)));
-}
-
-TEST(MainWindow, GlobalsStartWithTheirInitialValues) {
-    EXPECT_EQ(scale, 1.0);
-    EXPECT_TRUE(selection_w == 0.0 && selection_h == 0.0 && left_x == 0.0 && top_y == 0.0);
-    EXPECT_TRUE(x_img_ROI == 0 && y_img_ROI == 0 && w_img_ROI == 0 && h_img_ROI == 0);
-    EXPECT_EQ(in_edit_mode, 1);
-    EXPECT_EQ(calc_ROI_is_set, 0);
-    EXPECT_EQ(finished_stroke, 1);
-    EXPECT_EQ(show_progress, 0);
-    EXPECT_EQ(ok_to_calc, 1);
-    EXPECT_TRUE(history == nullptr && current == nullptr && glist_tmp == nullptr);
-    EXPECT_EQ(stroke_idx, 8);
-    EXPECT_EQ(his_type, 0);
-    EXPECT_EQ(initialisinglayer, nullptr);
-    for (double v : {prev_x, prev_y, prev_cursor_x, prev_cursor_y, true_x, true_y, prev_true_x, prev_true_y,
-                     m_button_x, m_button_y})
-        EXPECT_EQ(v, 0.0);
-    EXPECT_TRUE(cursor_x == -5.0 && cursor_y == -5.0);
-    EXPECT_EQ(radius, 5.0);
-    EXPECT_TRUE(red == 1.0 && green == 1.0 && blue == 1.0 && alpha == 1.0);
-
-    run_program([](GtkWidget *) {
-        EXPECT_TRUE(color.pixel == 0 && color.red == 32768 && color.green == 32768 && color.blue == 32768);
-        EXPECT_EQ(gdk_cursor_get_cursor_type(blank_cursor), GDK_BLANK_CURSOR);
-        EXPECT_EQ(pixbuf_image, pixbuf_no_alpha);
-        EXPECT_FALSE(gdk_pixbuf_get_has_alpha(pixbuf_no_alpha));
-        EXPECT_TRUE(gdk_pixbuf_get_has_alpha(pixbuf_alpha));
-        for (GdkPixbuf *p : {pixbuf_no_alpha, pixbuf_alpha})
-            EXPECT_TRUE(gdk_pixbuf_get_width(p) == 1 && gdk_pixbuf_get_height(p) == 1 &&
-                        gdk_pixbuf_get_bits_per_sample(p) == 8);
-        for (cairo_surface_t *s : {win_surf, surf_layer})
-            EXPECT_TRUE(cairo_image_surface_get_width(s) == 1 && cairo_image_surface_get_height(s) == 1 &&
-                        cairo_image_surface_get_format(s) == CAIRO_FORMAT_ARGB32);
-        static const calc_args zero = {};
-        EXPECT_EQ(memcmp(pass_calc_args, &zero, sizeof zero), 0);
-        EXPECT_TRUE(pass_option_args->levels == 1 && pass_option_args->steps == 1 &&
-                    pass_option_args->epsilon == 1e-7 && pass_option_args->threshold == 0.02 &&
-                    pass_option_args->win_radius == 1);
-        EXPECT_TRUE(pass_option_args->img_width == 0 && pass_option_args->img_height == 0);
-    });
-    EXPECT_TRUE(pixbuf_alpha == nullptr && pixbuf_no_alpha == nullptr && win_surf == nullptr);
 }
 
 TEST(MainWindow, LayoutCanvasAndSignalsAsBuilt) {
@@ -160,6 +109,11 @@ TEST(MainWindow, LayoutCanvasAndSignalsAsBuilt) {
         EXPECT_TRUE(w == 640 && h == 480);
         EXPECT_EQ(gtk_widget_get_events(drawing_area), 0x1000210e);
         EXPECT_EQ(gdk_window_get_cursor(gtk_widget_get_window(drawing_area)), blank_cursor);
+        // No image yet: the canvas holds the 1 by 1 placeholders.
+        EXPECT_TRUE(pixbuf_image == pixbuf_no_alpha && gdk_pixbuf_get_width(pixbuf_image) == 1 &&
+                    !gdk_pixbuf_get_has_alpha(pixbuf_no_alpha) && gdk_pixbuf_get_has_alpha(pixbuf_alpha));
+        EXPECT_TRUE(cairo_image_surface_get_width(surf_layer) == 1 &&
+                    cairo_image_surface_get_width(win_surf) == 1);
 
         EXPECT_TRUE(connected(drawing_area, "expose_event", G_CALLBACK(on_expose_event), nullptr));
         EXPECT_TRUE(connected(drawing_area, "configure_event", G_CALLBACK(configure_event), nullptr));
@@ -248,15 +202,6 @@ TEST(MainWindow, MenusRunTheirHandlersFromControlAccelerators) {
         }
         // No accelerator is left on the Meta modifier, which has no key on this platform.
         EXPECT_FALSE(gtk_accel_groups_activate(G_OBJECT(window), GDK_KEY_o, GDK_META_MASK));
-        // Shift+Control+z reaches redo like Control+Z does.
-        GtkWidget *redo_item = children(gtk_menu_item_get_submenu(GTK_MENU_ITEM(tops[1])))[2];
-        int count = 0;
-        gulong counter =
-            g_signal_connect_swapped(redo_item, "activate", G_CALLBACK(+[](int *c) { ++*c; }), &count);
-        EXPECT_TRUE(gtk_accel_groups_activate(G_OBJECT(window), GDK_KEY_z,
-                                              (GdkModifierType)(GDK_CONTROL_MASK | GDK_SHIFT_MASK)));
-        EXPECT_EQ(count, 1);
-        g_signal_handler_disconnect(redo_item, counter);
     });
 }
 
@@ -342,64 +287,55 @@ TEST(MainWindow, ToolbarItemsInOrderWithTooltipsAndHandlers) {
     });
 }
 
-void expect_adjustment(GtkAdjustment *a, double value, double lower, double upper, double step, double page) {
-    EXPECT_EQ(gtk_adjustment_get_value(a), value);
-    EXPECT_EQ(gtk_adjustment_get_lower(a), lower);
-    EXPECT_EQ(gtk_adjustment_get_upper(a), upper);
-    EXPECT_EQ(gtk_adjustment_get_step_increment(a), step);
-    EXPECT_EQ(gtk_adjustment_get_page_increment(a), page);
-    EXPECT_EQ(gtk_adjustment_get_page_size(a), 0.0);
-}
-
 TEST(MainWindow, ZoomAndBrushControlsShareTheirAdjustments) {
     run_program([](GtkWidget *window) {
-        GtkWidget *zoom_spin = gtk_bin_get_child(GTK_BIN(tool(9)));
-        GtkWidget *zoom_slider = gtk_bin_get_child(GTK_BIN(tool(10)));
-        GtkWidget *brush_spin = gtk_bin_get_child(GTK_BIN(tool(13)));
-        GtkWidget *brush_slider = gtk_bin_get_child(GTK_BIN(tool(14)));
-        ASSERT_TRUE(GTK_IS_SPIN_BUTTON(zoom_spin) && GTK_IS_SPIN_BUTTON(brush_spin));
-        ASSERT_TRUE(GTK_IS_HSCALE(zoom_slider) && GTK_IS_HSCALE(brush_slider));
-
-        GtkAdjustment *zoom = gtk_spin_button_get_adjustment(GTK_SPIN_BUTTON(zoom_spin));
-        EXPECT_EQ(gtk_range_get_adjustment(GTK_RANGE(zoom_slider)), zoom);
-        expect_adjustment(zoom, 100.0, 12.5, 400.0, 12.5, 25.0);
-        EXPECT_TRUE(connected(zoom, "value_changed", G_CALLBACK(cb_draw_zoom), window));
-        EXPECT_TRUE(connected(tool(11), "clicked", G_CALLBACK(cb_zoom_to), zoom));
-        EXPECT_EQ(gtk_spin_button_get_digits(GTK_SPIN_BUTTON(zoom_spin)), 1u);
-        EXPECT_EQ(gtk_scale_get_digits(GTK_SCALE(zoom_slider)), 1);
-        EXPECT_FALSE(gtk_scale_get_draw_value(GTK_SCALE(zoom_slider)));
-        gint w, h;
-        gtk_widget_get_size_request(zoom_slider, &w, &h);
-        EXPECT_EQ(w, 70);
-
-        GtkAdjustment *brush = gtk_spin_button_get_adjustment(GTK_SPIN_BUTTON(brush_spin));
-        EXPECT_EQ(gtk_range_get_adjustment(GTK_RANGE(brush_slider)), brush);
-        expect_adjustment(brush, 10.0, 1.0, 1024.0, 1.0, 5.0);
-        EXPECT_TRUE(connected(brush, "value_changed", G_CALLBACK(cb_set_brush_size), toolbar));
-        EXPECT_EQ(gtk_spin_button_get_digits(GTK_SPIN_BUTTON(brush_spin)), 0u);
-        EXPECT_EQ(gtk_scale_get_digits(GTK_SCALE(brush_slider)), 0);
-        EXPECT_FALSE(gtk_scale_get_draw_value(GTK_SCALE(brush_slider)));
-        for (GtkWidget *spin : {zoom_spin, brush_spin}) {
+        // spin item, slider item, value, lower, upper, step, page, digits; then handler and its data
+        const double specs[2][8] = {{9, 10, 100.0, 12.5, 400.0, 12.5, 25.0, 1},
+                                    {13, 14, 10.0, 1.0, 1024.0, 1.0, 5.0, 0}};
+        const GCallback handlers[2] = {G_CALLBACK(cb_draw_zoom), G_CALLBACK(cb_set_brush_size)};
+        const gpointer data[2] = {window, toolbar};
+        for (int k = 0; k < 2; k++) {
+            GtkWidget *spin = gtk_bin_get_child(GTK_BIN(tool((int)specs[k][0])));
+            GtkWidget *slider = gtk_bin_get_child(GTK_BIN(tool((int)specs[k][1])));
+            ASSERT_TRUE(GTK_IS_SPIN_BUTTON(spin) && GTK_IS_HSCALE(slider));
+            GtkAdjustment *a = gtk_spin_button_get_adjustment(GTK_SPIN_BUTTON(spin));
+            EXPECT_EQ(gtk_range_get_adjustment(GTK_RANGE(slider)), a);
             double climb = 0;
             g_object_get(spin, "climb-rate", &climb, nullptr);
-            EXPECT_EQ(climb, 1.0);
+            const double got[8] = {specs[k][0],
+                                   specs[k][1],
+                                   gtk_adjustment_get_value(a),
+                                   gtk_adjustment_get_lower(a),
+                                   gtk_adjustment_get_upper(a),
+                                   gtk_adjustment_get_step_increment(a),
+                                   gtk_adjustment_get_page_increment(a),
+                                   (double)gtk_spin_button_get_digits(GTK_SPIN_BUTTON(spin))};
+            for (int i = 2; i < 8; i++)
+                EXPECT_EQ(got[i], specs[k][i]) << "control " << k << ", property " << i;
+            EXPECT_TRUE(gtk_adjustment_get_page_size(a) == 0.0 && climb == 1.0);
+            EXPECT_EQ(gtk_scale_get_digits(GTK_SCALE(slider)), (int)specs[k][7]);
+            EXPECT_FALSE(gtk_scale_get_draw_value(GTK_SCALE(slider)));
+            EXPECT_TRUE(connected(a, "value_changed", handlers[k], data[k]));
+            gtk_spin_button_set_value(GTK_SPIN_BUTTON(spin), 37.5);
+            EXPECT_EQ(gtk_range_get_value(GTK_RANGE(slider)),
+                      gtk_spin_button_get_value(GTK_SPIN_BUTTON(spin)));
         }
-        // The spin button and the slider move together.
-        gtk_spin_button_set_value(GTK_SPIN_BUTTON(brush_spin), 37);
-        EXPECT_EQ(gtk_range_get_value(GTK_RANGE(brush_slider)), 37.0);
+        gint w, h;
+        gtk_widget_get_size_request(gtk_bin_get_child(GTK_BIN(tool(10))), &w, &h);
+        EXPECT_EQ(w, 70);
+        GtkAdjustment *zoom =
+            gtk_spin_button_get_adjustment(GTK_SPIN_BUTTON(gtk_bin_get_child(GTK_BIN(tool(9)))));
+        EXPECT_TRUE(connected(tool(11), "clicked", G_CALLBACK(cb_zoom_to), zoom));
     });
 }
 
-// Runs the program in `folder` with ICON_DIR set to `icon_dir` (or unset) and returns the file names
-// of the four icon images in toolbar order: mode toggle, ALPHA, FG, BG.
+// Runs the program in `folder` with ICON_DIR set to `icon_dir` and returns the file names of the four
+// icon images in toolbar order (empty for an icon that did not load).
 std::vector<std::string> icon_names(const std::string &folder, const char *icon_dir) {
     std::vector<std::string> names;
     char cwd[4096];
     if (getcwd(cwd, sizeof cwd) == nullptr || chdir(folder.c_str()) != 0) return names;
-    if (icon_dir != nullptr)
-        setenv("ICON_DIR", icon_dir, 1);
-    else
-        unsetenv("ICON_DIR");
+    if (icon_dir != nullptr) setenv("ICON_DIR", icon_dir, 1);
     run_program([&](GtkWidget *) {
         for (int i : {0, 3, 5, 6})
             names.push_back(image_file(icon_of(i)));
@@ -409,39 +345,22 @@ std::vector<std::string> icon_names(const std::string &folder, const char *icon_
     return names;
 }
 
+std::vector<std::string> expected_names(const std::string &prefix) {
+    return {prefix + "icon_ov16x24.png", prefix + "icon_alpha24x24.png", prefix + "iconFG.png",
+            prefix + "iconBG.png"};
+}
+
 TEST(MainWindow, IconsAreNamedAfterIconDirWithOneSlashAdded) {
     TempFolder folder;
     std::string copy = "mkdir '" + folder.path + "/icons' && cp " KELDRA_ICON_FOLDER "/*.png '" +
                        folder.path + "/icons' && cp " KELDRA_ICON_FOLDER "/*.png '" + folder.path + "'";
     ASSERT_EQ(system(copy.c_str()), 0);
-    const std::vector<std::string> unset = {"./icon_ov16x24.png", "./icon_alpha24x24.png", "./iconFG.png",
-                                            "./iconBG.png"};
-    EXPECT_EQ(icon_names(folder.path, nullptr), unset);
-    const std::vector<std::string> relative = {"icons/icon_ov16x24.png", "icons/icon_alpha24x24.png",
-                                               "icons/iconFG.png", "icons/iconBG.png"};
-    EXPECT_EQ(icon_names(folder.path, "icons"), relative);
-    const std::vector<std::string> doubled = {"icons//icon_ov16x24.png", "icons//icon_alpha24x24.png",
-                                              "icons//iconFG.png", "icons//iconBG.png"};
-    EXPECT_EQ(icon_names(folder.path, "icons/"), doubled);
-    EXPECT_EQ(std::string(getenv("HOME")).find(".Orvanto"), std::string::npos);
-
+    unsetenv("ICON_DIR");
+    EXPECT_EQ(icon_names(folder.path, nullptr), expected_names("./"));
+    EXPECT_EQ(icon_names(folder.path, "icons"), expected_names("icons/"));
+    EXPECT_EQ(icon_names(folder.path, "icons/"), expected_names("icons//"));
     // A folder without the icons still gives a working window, with the toolkit's broken-image icons.
-    char cwd[4096];
-    ASSERT_NE(getcwd(cwd, sizeof cwd), nullptr);
-    if (chdir(folder.path.c_str()) == 0) {
-        setenv("ICON_DIR", "no-such-folder", 1);
-        run_program([](GtkWidget *) {
-            for (int i : {0, 3, 5, 6}) {
-                GtkWidget *image = icon_of(i);
-                ASSERT_EQ(gtk_image_get_storage_type(GTK_IMAGE(image)), GTK_IMAGE_STOCK) << i;
-                gchar *stock = nullptr;
-                gtk_image_get_stock(GTK_IMAGE(image), &stock, nullptr);
-                EXPECT_STREQ(stock, GTK_STOCK_MISSING_IMAGE);
-            }
-        });
-        unsetenv("ICON_DIR");
-        EXPECT_EQ(chdir(cwd), 0);
-    }
+    EXPECT_EQ(icon_names(folder.path, "no-such-folder"), std::vector<std::string>(4));
 }
 
 } // namespace
