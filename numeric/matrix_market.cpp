@@ -22,17 +22,15 @@ constexpr int MM_MAX_LINE_LENGTH = 1025;
 // Longest word the number readers accept; longer words are not numbers we want.
 constexpr size_t MM_MAX_WORD = 128;
 
-// Reads the next line into buf (without guarantee of a line break); a longer line is consumed to its
-// end so that the next read starts on the following line. False at end of file.
+// Reads the next line into buf without its line break; a longer line is consumed to its end so that
+// the next read starts on the following line. Counted by characters, not by strlen, so that a NUL byte
+// inside the line cannot desynchronise the reader. False at end of file.
 static bool read_line(FILE *f, char *buf, int cap) {
-    if (std::fgets(buf, cap, f) == nullptr) return false;
-    size_t n = std::strlen(buf);
-    if (n > 0 && buf[n - 1] != '\n') {
-        int c;
-        while ((c = std::getc(f)) != EOF && c != '\n') {
-        }
-    }
-    return true;
+    int n = 0, c;
+    while ((c = std::getc(f)) != EOF && c != '\n')
+        if (n + 1 < cap) buf[n++] = static_cast<char>(c);
+    buf[n] = '\0';
+    return !(c == EOF && n == 0);
 }
 
 // Skips white space, blank lines and comment lines (a '%' where a word would start, up to the end of
