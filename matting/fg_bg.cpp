@@ -311,9 +311,12 @@ int Estimate(const TIFF_img *image, double **alpha, FBEstimate *estimate, cholmo
         if (status == UMFPACK_OK)
             status = umfpack_di_numeric(ap, ai, ax, symbolic, &numeric, nullptr, nullptr);
         umfpack_di_free_symbolic(&symbolic);
-        if (status == UMFPACK_OK)
-            status = umfpack_di_solve(UMFPACK_A, ap, ai, ax, u.data(), static_cast<double *>(atb->x), numeric,
-                                      nullptr, nullptr);
+        // A singular matrix still has a numeric object (with a warning status); solve with it anyway.
+        if (numeric) {
+            const int solved = umfpack_di_solve(UMFPACK_A, ap, ai, ax, u.data(),
+                                                static_cast<double *>(atb->x), numeric, nullptr, nullptr);
+            if (status == UMFPACK_OK) status = solved;
+        }
         umfpack_di_free_numeric(&numeric);
         if (status != UMFPACK_OK && result == UMFPACK_OK) result = status;
 
