@@ -289,6 +289,9 @@ int KELDRA_ENTRY(int argc, char **argv) {
     toolbar = gtk_toolbar_new();
     GtkToolItem *brush_slider = build_toolbar(window, folder);
     g_free(folder);
+    // Ctrl+Return clicks Calculate; like the button, it acts only in edit mode, where the button shows.
+    gtk_widget_add_accelerator(GTK_WIDGET(gtk_toolbar_get_nth_item(GTK_TOOLBAR(toolbar), 4)), "clicked",
+                               accel_group, GDK_KEY_Return, GDK_CONTROL_MASK, GTK_ACCEL_VISIBLE);
 
     gtk_box_pack_start(GTK_BOX(vbox), menubar, FALSE, FALSE, 0);
     gtk_box_pack_start(GTK_BOX(vbox), toolbar, FALSE, FALSE, 0);
