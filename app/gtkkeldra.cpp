@@ -315,6 +315,10 @@ int KELDRA_ENTRY(int argc, char **argv) {
     gtk_widget_hide(GTK_WIDGET(gtk_toolbar_get_nth_item(GTK_TOOLBAR(toolbar), 3)));
     gdk_window_set_cursor(gtk_widget_get_window(drawing_area), blank_cursor);
 
+    // keldra IMAGE [LAYER]: starts on IMAGE as "Default open" would, then adds LAYER "as layer".
+    if (argc > 1 && open_image_file(argv[1], OPEN_DEFAULT, toolbar) == 0 && argc > 2)
+        open_image_file(argv[2], OPEN_AS_LAYER, toolbar);
+
     gtk_main();
 
     gdk_threads_leave();
