@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Sets everything up, builds, and starts the Keldra GUI with the toolbar icons of this repository.
+# Sets everything up, builds, and starts the Keldra GUI with the toolbar icons of this repository, on
+# the bundled sample picture and its scribbles, or on the files given (IMAGE [LAYER]).
 #   scripts/run.sh                 on a desktop session (DISPLAY set)
 #   xvfb-run -a scripts/run.sh     without a display, on a virtual X server (nothing to see; for a check)
 # KELDRA_BUILD names another build folder (default build/).
@@ -21,4 +22,7 @@ fi
 
 # The program looks its toolbar icons up in ICON_DIR (the working folder when unset).
 export ICON_DIR="$root/icons"
+if [ $# -eq 0 ]; then
+  set -- "$root/samples/pompom.jpg" "$root/samples/pompom-scribbles.png"
+fi
 exec "$build/app/keldra" "$@"
