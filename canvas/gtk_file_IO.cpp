@@ -286,6 +286,16 @@ static void install_preview(GtkWidget *chooser) {
     g_signal_connect(chooser, "update-preview", G_CALLBACK(update_preview_cb), preview);
 }
 
+// Keeps the folder the chooser shows for its next run. While the chooser is still reading a folder
+// it names none; then the chosen file's folder, or else the folder kept before, stands in.
+static void remember_folder(gchar **folder, GtkFileChooser *chooser, const gchar *chosen) {
+    gchar *shown = gtk_file_chooser_get_current_folder(chooser);
+    if (shown == NULL && chosen != NULL) shown = g_path_get_dirname(chosen);
+    if (shown == NULL) return;
+    g_free(*folder);
+    *folder = shown;
+}
+
 void on_open_image(GtkWidget *widget, gpointer data) {
     (void)widget;
     static gchar *folder = NULL;
@@ -316,18 +326,18 @@ void on_open_image(GtkWidget *widget, gpointer data) {
     add_filter(dialog, "All Files *", "*");
 
     set_canvas_cursor(NULL);
+    gchar *chosen = NULL;
     if (gtk_dialog_run(GTK_DIALOG(dialog)) == GTK_RESPONSE_ACCEPT) {
         enum open_mode mode = OPEN_DEFAULT;
         if (gtk_toggle_button_get_active(GTK_TOGGLE_BUTTON(radio[OPEN_WITH_ALPHA])))
             mode = OPEN_WITH_ALPHA;
         else if (gtk_toggle_button_get_active(GTK_TOGGLE_BUTTON(radio[OPEN_AS_LAYER])))
             mode = OPEN_AS_LAYER;
-        gchar *filename = gtk_file_chooser_get_filename(chooser);
-        if (filename != NULL) open_image_file(filename, mode, bar);
-        g_free(filename);
+        chosen = gtk_file_chooser_get_filename(chooser);
+        if (chosen != NULL) open_image_file(chosen, mode, bar);
     }
-    g_free(folder);
-    folder = gtk_file_chooser_get_current_folder(chooser);
+    remember_folder(&folder, chooser, chosen);
+    g_free(chosen);
     set_canvas_cursor(blank_cursor);
     gtk_widget_destroy(dialog);
 }
@@ -485,9 +495,8 @@ void on_save_as(GtkWidget *widget, gpointer data) {
                 save_surface_to_file(*kept, surf_layer);
         }
     }
+    remember_folder(&folder, chooser, chosen);
     g_free(chosen);
-    g_free(folder);
-    folder = gtk_file_chooser_get_current_folder(chooser);
     set_canvas_cursor(blank_cursor);
     gtk_widget_destroy(dialog);
 }

@@ -140,12 +140,19 @@ inline void choose_to_open(const std::string &path, int mode) {
     });
 }
 
-// Answers the "Save File" chooser: the name in folder, then the response, repeated until it closes.
+// Answers the "Save File" chooser with name in folder and the response, repeated until it closes.
 inline void choose_to_save(const std::string &folder, const std::string &name, int response) {
     answer("Save File", [=](GtkWidget *dialog) {
-        gtk_file_chooser_set_current_folder(GTK_FILE_CHOOSER(dialog), folder.c_str());
-        gtk_file_chooser_set_current_name(GTK_FILE_CHOOSER(dialog), name.c_str());
-        gtk_dialog_response(GTK_DIALOG(dialog), response);
+        GtkFileChooser *chooser = GTK_FILE_CHOOSER(dialog);
+        gchar *chosen = gtk_file_chooser_get_filename(chooser);
+        bool ready = chosen != nullptr && folder + "/" + name == chosen;
+        g_free(chosen);
+        if (ready) {
+            gtk_dialog_response(GTK_DIALOG(dialog), response);
+        } else {
+            gtk_file_chooser_set_current_folder(chooser, folder.c_str());
+            gtk_file_chooser_set_current_name(chooser, name.c_str());
+        }
         return false;
     });
 }

@@ -169,10 +169,11 @@ TEST(CanvasOpen, ChooserOpensInTheChosenModeAndRemembersTheFolder) {
         EXPECT_EQ(gdk_window_get_cursor(gtk_widget_get_window(drawing_area)), blank_cursor);
 
         std::string shown_folder;
-        answer("Open image", [&](GtkWidget *dialog) {
+        answer("Open image", [&, ticks = 0](GtkWidget *dialog) mutable {
             gchar *f = gtk_file_chooser_get_current_folder(GTK_FILE_CHOOSER(dialog));
             shown_folder = f != nullptr ? f : "";
             g_free(f);
+            if (shown_folder.empty() && ++ticks < 100) return false; // still reading the folder
             gtk_dialog_response(GTK_DIALOG(dialog), GTK_RESPONSE_CANCEL);
             return true;
         });
