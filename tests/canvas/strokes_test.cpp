@@ -234,6 +234,9 @@ TEST(CanvasBrush, ToolbarSetsColourAndSizeAndTheOutlineFollowsThePointer) {
         gdk_rectangle_union(&box, &old_outline, &both);
         EXPECT_TRUE(both.x == box.x && both.y == box.y && both.width == box.width &&
                     both.height == box.height);
+        set_brush_diameter(1);
+        motion(150, 120, 0);
+        screenshot("small-brush");
     });
 }
 
