@@ -1,0 +1,274 @@
+// Compact by-diagonals store for symmetric matrices on a pixel grid.
+#include "matting/grid_matrix.h"
+
+#include <algorithm>
+#include <limits>
+#include <numeric>
+
+#include "matting/parallel.h"
+
+// Pixels per block of the product: the block of y stays in the first-level cache while every plane
+// passes over it.
+static constexpr int64_t kBlock = 2048;
+static constexpr int64_t kParallelGrain = 1 << 16;
+
+void initGridMatrix(GridMatrix *A, int height, int width, int reach) {
+    A->height = height;
+    A->width = width;
+    A->reach = reach;
+    struct Offset {
+        int drow, dcol;
+        int64_t shift;
+    };
+    std::vector<Offset> offsets;
+    for (int dcol = 0; dcol <= reach; ++dcol)
+        for (int drow = (dcol == 0 ? 1 : -reach); drow <= reach; ++drow)
+            offsets.push_back({drow, dcol, drow + int64_t(dcol) * height});
+    std::stable_sort(offsets.begin(), offsets.end(),
+                     [](const Offset &a, const Offset &b) { return a.shift < b.shift; });
+    A->band_drow.clear();
+    A->band_dcol.clear();
+    A->band_shift.clear();
+    for (const Offset &o : offsets) {
+        A->band_drow.push_back(o.drow);
+        A->band_dcol.push_back(o.dcol);
+        A->band_shift.push_back(o.shift);
+    }
+    const int64_t n = int64_t(height) * width;
+    A->diag.assign(n, 0.0);
+    A->bands.clear();
+    A->bands.shrink_to_fit();
+    A->bands.assign(offsets.size() * n, 0.0);
+}
+
+int64_t gridPixels(const GridMatrix *A) {
+    return int64_t(A->height) * A->width;
+}
+
+int gridBandIndex(const GridMatrix *A, int drow, int dcol) {
+    for (size_t k = 0; k < A->band_drow.size(); ++k)
+        if (A->band_drow[k] == drow && A->band_dcol[k] == dcol) return int(k);
+    return -1;
+}
+
+double gridElement(const GridMatrix *A, int64_t p, int drow, int dcol) {
+    const int64_t n = gridPixels(A);
+    const int64_t row = p % A->height, col = p / A->height;
+    if (row + drow < 0 || row + drow >= A->height || col + dcol < 0 || col + dcol >= A->width) return 0.0;
+    if (drow == 0 && dcol == 0) return A->diag[p];
+    int k = gridBandIndex(A, drow, dcol);
+    if (k >= 0) return A->bands[k * n + p];
+    k = gridBandIndex(A, -drow, -dcol);
+    if (k < 0) return 0.0;
+    return A->bands[k * n + p + drow + int64_t(dcol) * A->height];
+}
+
+int64_t gridNonZeros(const GridMatrix *A) {
+    int64_t count = 0;
+    for (double v : A->diag)
+        count += (v != 0.0);
+    for (double v : A->bands)
+        count += (v != 0.0);
+    return count;
+}
+
+void gridCoupledPixels(const GridMatrix *A, std::vector<char> *coupled) {
+    const int64_t n = gridPixels(A);
+    coupled->assign(n, 0);
+    for (size_t k = 0; k < A->band_shift.size(); ++k) {
+        const int64_t s = A->band_shift[k];
+        const double *band = A->bands.data() + k * n;
+        for (int64_t p = 0; p + s < n; ++p)
+            if (band[p] != 0.0) (*coupled)[p] = (*coupled)[p + s] = 1;
+    }
+}
+
+void multiplyGridMatrixRange(const GridMatrix *A, const double *x, double *y, int64_t begin, int64_t end) {
+    const int64_t n = gridPixels(A);
+    const size_t nbands = A->band_shift.size();
+    const double *diag = A->diag.data();
+    for (int64_t b0 = begin; b0 < end; b0 += kBlock) {
+        const int64_t b1 = std::min(end, b0 + kBlock);
+        for (int64_t q = b0; q < b1; ++q)
+            y[q] = diag[q] * x[q];
+        for (size_t k = 0; k < nbands; ++k) {
+            const int64_t s = A->band_shift[k];
+            const double *band = A->bands.data() + k * n;
+            // Upper triangle: y[q] += A(q, q + s) x[q + s].
+            const int64_t hi = std::min(b1, n - s);
+            for (int64_t q = b0; q < hi; ++q)
+                y[q] += band[q] * x[q + s];
+            // Lower triangle: y[q] += A(q - s, q) x[q - s], read from the plane at q - s.
+            for (int64_t q = std::max(b0, s); q < b1; ++q)
+                y[q] += band[q - s] * x[q - s];
+        }
+    }
+}
+
+void multiplyGridMatrix(const GridMatrix *A, const double *x, double *y) {
+    parallelRange(gridPixels(A), kParallelGrain,
+                  [&](int64_t begin, int64_t end) { multiplyGridMatrixRange(A, x, y, begin, end); });
+}
+
+// One Gauss-Seidel step at each pixel of [begin, end) in the given direction. Pixels at least `reach`
+// away from both ends of the grid need no bounds tests; `Lower` leaves out the neighbours after p,
+// which are still zero in a forward sweep from zero.
+template <bool Lower>
+static void relaxRange(const GridMatrix *A, const double *inv_diag, const double *b, double *x, int64_t begin,
+                       int64_t end, bool forward) {
+    const int64_t n = gridPixels(A);
+    const int nb = int(A->band_shift.size());
+    std::vector<const double *> band(nb);
+    std::vector<int64_t> shift(nb);
+    for (int k = 0; k < nb; ++k) {
+        band[k] = A->bands.data() + k * n;
+        shift[k] = A->band_shift[k];
+    }
+    const int64_t reach = nb ? shift[nb - 1] : 0;
+    auto relax = [&](int64_t p) {
+        double s = b[p];
+        if (p >= reach && p + reach < n) {
+            for (int k = 0; k < nb; ++k) {
+                if (!Lower) s -= band[k][p] * x[p + shift[k]];
+                s -= band[k][p - shift[k]] * x[p - shift[k]];
+            }
+        } else {
+            for (int k = 0; k < nb; ++k) {
+                if (!Lower && p + shift[k] < n) s -= band[k][p] * x[p + shift[k]];
+                if (p - shift[k] >= 0) s -= band[k][p - shift[k]] * x[p - shift[k]];
+            }
+        }
+        x[p] = s * inv_diag[p];
+    };
+    if (forward)
+        for (int64_t p = begin; p < end; ++p)
+            relax(p);
+    else
+        for (int64_t p = end - 1; p >= begin; --p)
+            relax(p);
+}
+
+void sweepGridMatrix(const GridMatrix *A, const double *inv_diag, const double *b, double *x, bool forward,
+                     bool from_zero) {
+    const int64_t n = gridPixels(A);
+    if (from_zero) std::fill(x, x + n, 0.0);
+    const bool lower = from_zero && forward;
+    const int64_t reach = A->band_shift.empty() ? 0 : A->band_shift.back();
+    const int64_t half = reach / 2 + 1, mid = n / 2;
+    // [0, lo) and [hi, n) are further apart than any coupling: two threads sweep them at once and the
+    // middle [lo, hi) comes last in the order (first when sweeping backward).
+    const bool split = n >= 2 * kParallelGrain && mid - half > 0 && mid + half < n;
+    const int64_t lo = split ? mid - half : n, hi = split ? mid + half : n;
+    auto part = [&](int64_t from, int64_t to, bool lower_only) {
+        if (lower_only)
+            relaxRange<true>(A, inv_diag, b, x, from, to, forward);
+        else
+            relaxRange<false>(A, inv_diag, b, x, from, to, forward);
+    };
+    if (forward) {
+        if (split)
+            parallelTwo([&] { part(0, lo, lower); }, [&] { part(hi, n, lower); });
+        else
+            part(0, n, lower);
+        part(lo, hi, false);
+    } else {
+        part(lo, hi, false);
+        if (split)
+            parallelTwo([&] { part(0, lo, false); }, [&] { part(hi, n, false); });
+        else
+            part(0, n, false);
+    }
+}
+
+// Planes in order of descending shift, so that the rows q - shift of one column come out ascending.
+static std::vector<size_t> descendingBands(const GridMatrix *A) {
+    std::vector<size_t> order(A->band_shift.size());
+    std::iota(order.begin(), order.end(), size_t(0));
+    std::reverse(order.begin(), order.end());
+    return order;
+}
+
+template <typename Index> static void checkIndexRange(int64_t count) {
+    if (count > int64_t(std::numeric_limits<Index>::max())) throw std::bad_alloc();
+}
+
+template <typename Index>
+void gridMatrixToUpperColumns(const GridMatrix *A, std::vector<Index> *colptr, std::vector<Index> *rowind,
+                              std::vector<double> *values) {
+    const int64_t n = gridPixels(A);
+    const std::vector<size_t> order = descendingBands(A);
+    checkIndexRange<Index>(n);
+    checkIndexRange<Index>(gridNonZeros(A));
+    colptr->assign(n + 1, 0);
+    rowind->clear();
+    values->clear();
+    rowind->reserve(gridNonZeros(A));
+    values->reserve(gridNonZeros(A));
+    for (int64_t q = 0; q < n; ++q) {
+        for (size_t k : order) {
+            const int64_t p = q - A->band_shift[k];
+            if (p < 0) continue;
+            const double v = A->bands[k * n + p];
+            if (v == 0.0) continue;
+            rowind->push_back(Index(p));
+            values->push_back(v);
+        }
+        if (A->diag[q] != 0.0) {
+            rowind->push_back(Index(q));
+            values->push_back(A->diag[q]);
+        }
+        (*colptr)[q + 1] = Index(rowind->size());
+    }
+}
+
+template <typename Index>
+void gridMatrixToFullColumns(const GridMatrix *A, std::vector<Index> *colptr, std::vector<Index> *rowind,
+                             std::vector<double> *values) {
+    const int64_t n = gridPixels(A);
+    const std::vector<size_t> order = descendingBands(A);
+    const int64_t upper = gridNonZeros(A);
+    int64_t diagonal = 0;
+    for (double v : A->diag)
+        diagonal += (v != 0.0);
+    const int64_t total = 2 * upper - diagonal;
+    checkIndexRange<Index>(n);
+    checkIndexRange<Index>(total);
+    colptr->assign(n + 1, 0);
+    rowind->clear();
+    values->clear();
+    rowind->reserve(total);
+    values->reserve(total);
+    const size_t nbands = A->band_shift.size();
+    for (int64_t q = 0; q < n; ++q) {
+        for (size_t k : order) {
+            const int64_t p = q - A->band_shift[k];
+            if (p < 0) continue;
+            const double v = A->bands[k * n + p];
+            if (v == 0.0) continue;
+            rowind->push_back(Index(p));
+            values->push_back(v);
+        }
+        if (A->diag[q] != 0.0) {
+            rowind->push_back(Index(q));
+            values->push_back(A->diag[q]);
+        }
+        for (size_t k = 0; k < nbands; ++k) {
+            const int64_t p = q + A->band_shift[k];
+            if (p >= n) continue;
+            const double v = A->bands[k * n + q];
+            if (v == 0.0) continue;
+            rowind->push_back(Index(p));
+            values->push_back(v);
+        }
+        (*colptr)[q + 1] = Index(rowind->size());
+    }
+}
+
+template void gridMatrixToUpperColumns<int>(const GridMatrix *, std::vector<int> *, std::vector<int> *,
+                                            std::vector<double> *);
+template void gridMatrixToUpperColumns<long>(const GridMatrix *, std::vector<long> *, std::vector<long> *,
+                                             std::vector<double> *);
+template void gridMatrixToFullColumns<int>(const GridMatrix *, std::vector<int> *, std::vector<int> *,
+                                           std::vector<double> *);
+template void gridMatrixToFullColumns<long>(const GridMatrix *, std::vector<long> *, std::vector<long> *,
+                                            std::vector<double> *);

@@ -1,0 +1,100 @@
+// Compact store for the symmetric sparse matrices of the large-image solvers, whose rows and columns are
+// the pixels of an image grid and whose elements couple only pixels a few rows and columns apart (the
+// matting Laplacian and its coarse-grid companions). The matrix is kept by diagonals: the main diagonal
+// and, for every forward pixel offset, one plane holding that offset's element for each pixel. No index
+// is stored, so a pixel costs (number of forward offsets + 1) doubles, 13 for the radius-1 Laplacian.
+//
+// Pixels are numbered column-major, p = row + column * height, as in the engine's linear systems.
+// A forward offset (drow, dcol) has dcol > 0, or dcol == 0 and drow > 0; its element for pixel p is
+// A(p, q) = A(q, p) with q = (row + drow, column + dcol). The lower triangle is implied by symmetry.
+// Planes hold 0.0 wherever q falls outside the grid; code that fills a GridMatrix keeps it that way.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+struct GridMatrix {
+    int height = 0;                  // rows of the pixel grid
+    int width = 0;                   // columns of the pixel grid
+    int reach = 0;                   // |drow| and |dcol| of every coupling are at most reach
+    std::vector<int> band_drow;      // [bands] row offset of each forward offset
+    std::vector<int> band_dcol;      // [bands] column offset of each forward offset
+    std::vector<int64_t> band_shift; // [bands] drow + dcol * height, ascending
+    std::vector<double> diag;        // [n] main diagonal
+    std::vector<double> bands;       // [bands * n] element (p, p + band_shift[k]) at bands[k * n + p]
+};
+
+// A linear system on a pixel grid: the matrix, the right-hand side and, when the system comes from an
+// image, that image's colour planes, which the multigrid preconditioner uses to build its coarse levels.
+struct GridSystem {
+    GridMatrix A;
+    std::vector<double> b;     // [n]
+    int channels = 0;          // colour planes held: 3, 1 (grey) or 0
+    std::vector<float> colour; // [channels * n] plane after plane, pixel order of A, values in [0, 1]
+};
+
+// initGridMatrix: makes A an all-zero matrix on a height x width grid with couplings up to `reach`.
+//   A       output: previous contents are released; 2 * reach * (reach + 1) forward offsets are set up,
+//           ordered by ascending shift (ties, possible when height <= 2 * reach, by column offset)
+//   height  input: >= 1
+//   width   input: >= 1
+//   reach   input: >= 0
+// Allocation failure throws std::bad_alloc.
+void initGridMatrix(GridMatrix *A, int height, int width, int reach);
+
+// gridPixels: n = height * width, the order of the matrix.
+int64_t gridPixels(const GridMatrix *A);
+
+// gridBandIndex: the plane of forward offset (drow, dcol), or -1 when (drow, dcol) is not a forward
+// offset within reach (a backward offset, the diagonal (0, 0), or too far).
+int gridBandIndex(const GridMatrix *A, int drow, int dcol);
+
+// gridElement: A(p, q) for pixel q = p + (drow, dcol) in either direction, 0.0 when q lies outside the
+// grid or beyond reach. (0, 0) gives the diagonal. Meant for tests and set-up code, not inner loops.
+double gridElement(const GridMatrix *A, int64_t p, int drow, int dcol);
+
+// gridNonZeros: number of non-zero elements stored in the upper triangle, diagonal included.
+int64_t gridNonZeros(const GridMatrix *A);
+
+// gridCoupledPixels: coupled[p] = 1 when row p has a non-zero element off the diagonal, else 0. A row
+// without one is an equation of its own, A(p, p) x[p] = b[p].
+void gridCoupledPixels(const GridMatrix *A, std::vector<char> *coupled);
+
+// multiplyGridMatrix: y = A x, on both cores when the grid is large.
+//   A  input
+//   x  input: n values
+//   y  output: n values; must not overlap x
+void multiplyGridMatrix(const GridMatrix *A, const double *x, double *y);
+
+// multiplyGridMatrixRange: y[q] = (A x)[q] for q in [begin, end) only, in the calling thread. Building
+// block for fused loops that split a range themselves.
+void multiplyGridMatrixRange(const GridMatrix *A, const double *x, double *y, int64_t begin, int64_t end);
+
+// sweepGridMatrix: one Gauss-Seidel sweep for A x = b over the pixels, forward or backward, on both
+// cores for large grids. The pixel order is the same in every sweep and the backward sweep runs it in
+// reverse, so a forward sweep before and a backward sweep after a coarse correction make a symmetric
+// cycle. With `from_zero` (forward only) x is set to zero first and the pixels not yet visited are
+// not read.
+//   inv_diag  input: 1 / A(p, p), or 0 for a pixel to be left at 0 (a row that is not used)
+//   b         input
+//   x         modified
+void sweepGridMatrix(const GridMatrix *A, const double *inv_diag, const double *b, double *x, bool forward,
+                     bool from_zero);
+
+// gridMatrixToUpperColumns: the upper triangle of A in compressed-column form, row indices ascending in
+// every column, the diagonal last; elements equal to 0.0 are left out, the diagonal included.
+//   A       input
+//   colptr  output: n + 1 column starts (colptr[0] = 0, colptr[n] = number of elements)
+//   rowind  output: row index of each element
+//   values  output: value of each element
+// Index type is a template parameter so that 32- and 64-bit solvers share the code; instantiated for
+// int and long. Allocation failure, or more elements than Index can count, throws std::bad_alloc.
+template <typename Index>
+void gridMatrixToUpperColumns(const GridMatrix *A, std::vector<Index> *colptr, std::vector<Index> *rowind,
+                              std::vector<double> *values);
+
+// gridMatrixToFullColumns: as gridMatrixToUpperColumns, but both triangles (the matrix as UMFPACK takes
+// it); every column's row indices ascend, with the diagonal in its sorted place.
+template <typename Index>
+void gridMatrixToFullColumns(const GridMatrix *A, std::vector<Index> *colptr, std::vector<Index> *rowind,
+                             std::vector<double> *values);
