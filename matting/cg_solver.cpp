@@ -1,0 +1,172 @@
+// Multigrid-preconditioned flexible conjugate gradients on the compact matting system.
+#include "matting/cg_solver.h"
+
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <new>
+#include <vector>
+
+#include "matting/multigrid.h"
+#include "matting/parallel.h"
+
+static constexpr int64_t kParallelGrain = 1 << 15;
+
+static double secondsSince(std::chrono::steady_clock::time_point start) {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+static double dot(const double *a, const double *b, int64_t n) {
+    return parallelSum(n, kParallelGrain, [&](int64_t begin, int64_t end) {
+        double s = 0.0;
+        for (int64_t i = begin; i < end; ++i)
+            s += a[i] * b[i];
+        return s;
+    });
+}
+
+// res = b - A x; returns |res|^2.
+static double trueResidual(const GridMatrix *A, const double *b, const double *x, double *res) {
+    return parallelSum(gridPixels(A), kParallelGrain, [&](int64_t begin, int64_t end) {
+        multiplyGridMatrixRange(A, x, res, begin, end);
+        double s = 0.0;
+        for (int64_t i = begin; i < end; ++i) {
+            res[i] = b[i] - res[i];
+            s += res[i] * res[i];
+        }
+        return s;
+    });
+}
+
+static int fail(SolverReport *report, int status, const char *format, int iterations) {
+    char text[240];
+    std::snprintf(text, sizeof text, format, iterations);
+    report->message = text;
+    return status;
+}
+
+// The preconditioner changes slightly from one application to the next (its coarse levels iterate),
+// so each new direction is made conjugate to the previous one explicitly, p = z - (z.Aq / p.Aq) p,
+// which is conjugate gradients when the preconditioner is fixed and stays robust when it is not.
+static int iterate(const GridSystem *system, double *x, const SolverOptions &opt, SolverReport *report) {
+    const GridMatrix *A = &system->A;
+    const double *b = system->b.data();
+    const int64_t n = gridPixels(A);
+    const double bnorm = std::sqrt(dot(b, b, n));
+    if (!opt.use_start)
+        for (int64_t i = 0; i < n; ++i)
+            x[i] = 0.0;
+    if (bnorm == 0.0) {
+        // Only x = 0 solves a positive definite system with b = 0; unused pixels keep their start.
+        for (int64_t i = 0; i < n; ++i)
+            if (A->diag[i] != 0.0) x[i] = 0.0;
+        return SOLVE_OK;
+    }
+    const double goal = opt.tolerance * bnorm;
+    // A pixel whose row has no off-diagonal element (deep inside a scribble) has the exact value
+    // b / A(p, p); set it so, rather than let it carry the iteration's last rounding error, which decides
+    // between 254 and 255 for a pixel that should be exactly 1.
+    std::vector<char> coupled;
+    gridCoupledPixels(A, &coupled);
+    auto fixIsolated = [&] {
+        for (int64_t i = 0; i < n; ++i)
+            if (!coupled[i] && A->diag[i] != 0.0) x[i] = b[i] / A->diag[i];
+    };
+    fixIsolated();
+
+    auto setup_start = std::chrono::steady_clock::now();
+    Multigrid mg;
+    buildMultigrid(A, system->colour.empty() ? nullptr : system->colour.data(), system->channels, &mg);
+    std::vector<double> r(n), z(n), p(n), q(n);
+    report->setup_seconds = secondsSince(setup_start);
+
+    auto solve_start = std::chrono::steady_clock::now();
+    double rnorm = std::sqrt(trueResidual(A, b, x, r.data()));
+    bool restart = true;
+    int it = 0;
+    int status = SOLVE_OK;
+    for (;;) {
+        if (rnorm <= goal) {
+            // The recurrence for r drifts from b - A x; stop only when the true residual agrees.
+            rnorm = std::sqrt(trueResidual(A, b, x, r.data()));
+            if (rnorm <= goal) break;
+            restart = true;
+        }
+        if (it >= opt.max_iterations) {
+            status = SOLVE_NO_CONVERGENCE;
+            break;
+        }
+        applyMultigrid(&mg, r.data(), z.data());
+        const double rz = dot(r.data(), z.data(), n);
+        if (!(rz > 0.0)) {
+            status =
+                fail(report, SOLVE_NOT_POSITIVE_DEFINITE,
+                     "conjugate gradients broke down after %d iterations: the preconditioned residual has "
+                     "no positive length (is the matrix positive definite?)",
+                     it);
+            break;
+        }
+        double beta = 0.0;
+        if (!restart) {
+            const double pq = dot(p.data(), q.data(), n);
+            beta = dot(z.data(), q.data(), n) / pq;
+        }
+        restart = false;
+        parallelRange(n, kParallelGrain, [&](int64_t begin, int64_t end) {
+            for (int64_t i = begin; i < end; ++i)
+                p[i] = z[i] - beta * p[i];
+        });
+        const double curvature = parallelSum(n, kParallelGrain, [&](int64_t begin, int64_t end) {
+            multiplyGridMatrixRange(A, p.data(), q.data(), begin, end);
+            double s = 0.0;
+            for (int64_t i = begin; i < end; ++i)
+                s += p[i] * q[i];
+            return s;
+        });
+        ++it;
+        if (!(curvature > 0.0)) {
+            status = fail(report, SOLVE_NOT_POSITIVE_DEFINITE,
+                          "the matrix is not positive definite: conjugate gradients met a direction of "
+                          "non-positive curvature at iteration %d",
+                          it);
+            break;
+        }
+        const double alpha = dot(p.data(), r.data(), n) / curvature;
+        const double rr = parallelSum(n, kParallelGrain, [&](int64_t begin, int64_t end) {
+            double s = 0.0;
+            for (int64_t i = begin; i < end; ++i) {
+                x[i] += alpha * p[i];
+                r[i] -= alpha * q[i];
+                s += r[i] * r[i];
+            }
+            return s;
+        });
+        rnorm = std::sqrt(rr);
+    }
+    fixIsolated();
+    report->iterations = it;
+    report->relative_residual = rnorm / bnorm;
+    report->solve_seconds = secondsSince(solve_start);
+    if (status == SOLVE_NO_CONVERGENCE) {
+        char text[240];
+        std::snprintf(
+            text, sizeof text,
+            "conjugate gradients did not converge within %d iterations: the relative residual is %.3g, "
+            "above the tolerance %.3g",
+            it, rnorm / bnorm, opt.tolerance);
+        report->message = text;
+    }
+    return status;
+}
+
+int cgSolveGrid(const GridSystem *system, double *x, const SolverOptions *options, SolverReport *report) {
+    const SolverOptions opt = options ? *options : SolverOptions();
+    *report = SolverReport();
+    try {
+        report->status = iterate(system, x, opt, report);
+    } catch (const std::bad_alloc &) {
+        report->status = SOLVE_OUT_OF_MEMORY;
+        report->message = "not enough memory for the conjugate gradient solver";
+    }
+    return report->status;
+}

@@ -1,0 +1,538 @@
+// Aggregation multigrid with colour-model coarse spaces, the preconditioner of conjugate gradients.
+#include "matting/multigrid.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+
+#include "matting/parallel.h"
+
+// Fine grids with at most this many pixels, and coarse grids with at most this many nodes, are factored.
+static constexpr int64_t kDirectPixels = 2048;
+static constexpr int64_t kDirectNodes = 256;
+static constexpr int64_t kParallelGrain = 1 << 10; // aggregates or nodes
+
+struct MultigridLevel {
+    BlockGrid K;
+    std::vector<double> candidates; // [node][4 x 4]: row d, column c = unknown d's share of candidate c
+    std::vector<double> transfer;   // [node][4 x 4]: row d = unknown d, column c = coarse unknown c of
+                                    // the node's aggregate on the next level (empty on the last level)
+    // rhs/sol: the problem handed down by the finer level and its approximate solution; the others are
+    // work vectors of the K-cycle and of the cycle.
+    BlockVector rhs, sol, r, p1, q1, p2, q2, res;
+};
+
+Multigrid::Multigrid() = default;
+Multigrid::~Multigrid() = default;
+
+namespace {
+
+// Where to read A(p, p + d) for every offset d of the full (2R+1)^2 stencil.
+struct StencilRead {
+    int drow, dcol;
+    int band;   // -1: the diagonal
+    int64_t at; // the element sits at bands[band * n + p + at]
+};
+
+std::vector<StencilRead> stencilReads(const GridMatrix *A) {
+    std::vector<StencilRead> reads;
+    const int R = A->reach;
+    for (int dcol = -R; dcol <= R; ++dcol)
+        for (int drow = -R; drow <= R; ++drow) {
+            if (drow == 0 && dcol == 0) {
+                reads.push_back({0, 0, -1, 0});
+                continue;
+            }
+            const int k = gridBandIndex(A, drow, dcol);
+            if (k >= 0)
+                reads.push_back({drow, dcol, k, 0});
+            else
+                reads.push_back(
+                    {drow, dcol, gridBandIndex(A, -drow, -dcol), drow + int64_t(dcol) * A->height});
+        }
+    return reads;
+}
+
+// Slot of the neighbouring node at (drow, dcol) in {-1, 0, 1}^2.
+inline int blockSlot(int drow, int dcol) {
+    return (drow + 1) + 3 * (dcol + 1);
+}
+
+// Orthonormal basis of the colour model on one block of pixels: q_0 = 1 / sqrt(m) and, for the colour
+// channels, the centred colours whitened by the inverse Cholesky factor of their scatter matrix. A
+// channel that adds nothing new on the block (a flat patch, or channels that move together) is left out.
+struct PixelBasis {
+    double mean[3];
+    double T[3][3]; // q_{1+j}(p) = sum_i (c_i(p) - mean_i) T[i][j]
+    double inv_sqrt_m;
+    int channels;
+    void at(const float *colour, int64_t n, int64_t p, float q[4]) const {
+        double c[3] = {0, 0, 0};
+        for (int i = 0; i < channels; ++i)
+            c[i] = colour[i * n + p] - mean[i];
+        q[0] = float(inv_sqrt_m);
+        for (int j = 0; j < 3; ++j) {
+            double v = 0.0;
+            for (int i = 0; i < channels; ++i)
+                v += c[i] * T[i][j];
+            q[1 + j] = float(v);
+        }
+    }
+};
+
+PixelBasis blockBasis(const float *colour, int channels, int64_t n, int H, int i0, int i1, int j0, int j1) {
+    PixelBasis B = {};
+    B.channels = channels;
+    const int m = (i1 - i0) * (j1 - j0);
+    B.inv_sqrt_m = 1.0 / std::sqrt(double(m));
+    for (int c = 0; c < channels; ++c) {
+        double s = 0.0;
+        for (int j = j0; j < j1; ++j)
+            for (int i = i0; i < i1; ++i)
+                s += colour[c * n + i + int64_t(j) * H];
+        B.mean[c] = s / m;
+    }
+    double S[3][3] = {};
+    for (int j = j0; j < j1; ++j)
+        for (int i = i0; i < i1; ++i) {
+            double d[3];
+            for (int c = 0; c < channels; ++c)
+                d[c] = colour[c * n + i + int64_t(j) * H] - B.mean[c];
+            for (int a = 0; a < channels; ++a)
+                for (int b = 0; b <= a; ++b)
+                    S[a][b] += d[a] * d[b];
+        }
+    // S = G G^T with dropped pivots; T = G^-T restricted to the kept channels, so that the whitened
+    // colours T^T (c - mean) are orthonormal over the block.
+    double G[3][3] = {};
+    bool keep[3] = {false, false, false};
+    for (int j = 0; j < channels; ++j) {
+        double pivot = S[j][j];
+        for (int k = 0; k < j; ++k)
+            pivot -= G[j][k] * G[j][k];
+        keep[j] = pivot > 1e-9 && pivot > 1e-8 * S[j][j];
+        if (!keep[j]) continue;
+        G[j][j] = std::sqrt(pivot);
+        for (int i = j + 1; i < channels; ++i) {
+            double v = S[i][j];
+            for (int k = 0; k < j; ++k)
+                v -= G[i][k] * G[j][k];
+            G[i][j] = v / G[j][j];
+        }
+    }
+    // Column j of T solves G^T t = e_j on the kept channels.
+    for (int j = 0; j < channels; ++j) {
+        if (!keep[j]) continue;
+        double t[3] = {0, 0, 0};
+        for (int i = channels - 1; i >= 0; --i) {
+            if (!keep[i]) continue;
+            double v = (i == j) ? 1.0 : 0.0;
+            for (int k = i + 1; k < channels; ++k)
+                v -= G[k][i] * t[k];
+            t[i] = v / G[i][i];
+        }
+        for (int i = 0; i < 3; ++i)
+            B.T[i][j] = t[i];
+    }
+    return B;
+}
+
+// First coarse level: basis values at every pixel, the coarse candidates (the colour model's 1, red,
+// green, blue in the coarse unknowns) and the Galerkin matrix P^T A P.
+void buildFirstLevel(Multigrid *mg, const float *colour, int channels, MultigridLevel *L1) {
+    const GridMatrix *A = mg->A;
+    const int H = A->height, W = A->width, S = mg->aggregate;
+    const int64_t n = gridPixels(A);
+    const int ah = (H + S - 1) / S, aw = (W + S - 1) / S;
+    const int64_t na = int64_t(ah) * aw;
+    mg->basis.assign(size_t(n) * 4, 0.0f);
+    std::vector<char> coupled;
+    gridCoupledPixels(A, &coupled);
+    for (int64_t p = 0; p < n; ++p)
+        if (!(A->diag[p] > 0.0)) coupled[p] = 0;
+    L1->candidates.assign(size_t(na) * kBlockSize, 0.0);
+    parallelRange(na, kParallelGrain, [&](int64_t begin, int64_t end) {
+        for (int64_t a = begin; a < end; ++a) {
+            const int I = int(a % ah), J = int(a / ah);
+            const int i0 = I * S, i1 = std::min(H, i0 + S), j0 = J * S, j1 = std::min(W, j0 + S);
+            const PixelBasis B = blockBasis(colour, channels, n, H, i0, i1, j0, j1);
+            double *cand = &L1->candidates[size_t(a) * kBlockSize];
+            for (int j = j0; j < j1; ++j)
+                for (int i = i0; i < i1; ++i) {
+                    const int64_t p = i + int64_t(j) * H;
+                    float *q = &mg->basis[size_t(p) * 4];
+                    B.at(colour, n, p, q);
+                    if (!coupled[p]) {
+                        // An equation of its own (or an unused row): the smoother solves it exactly,
+                        // so the coarse levels leave it out.
+                        q[0] = q[1] = q[2] = q[3] = 0.0f;
+                        continue;
+                    }
+                    double phi[4] = {1.0, 0.0, 0.0, 0.0};
+                    for (int c = 0; c < channels; ++c)
+                        phi[1 + c] = colour[c * n + p];
+                    for (int d = 0; d < 4; ++d)
+                        for (int c = 0; c < 4; ++c)
+                            cand[d * 4 + c] += q[d] * phi[c];
+                }
+        }
+    });
+
+    initBlockGrid(&L1->K, ah, aw);
+    const std::vector<StencilRead> reads = stencilReads(A);
+    parallelRange(na, kParallelGrain, [&](int64_t begin, int64_t end) {
+        for (int64_t a = begin; a < end; ++a) {
+            const int I = int(a % ah), J = int(a / ah);
+            const int i0 = I * S, i1 = std::min(H, i0 + S), j0 = J * S, j1 = std::min(W, j0 + S);
+            double acc[kBlockSlots][kBlockSize] = {};
+            for (int j = j0; j < j1; ++j)
+                for (int i = i0; i < i1; ++i) {
+                    const int64_t p = i + int64_t(j) * H;
+                    double v[kBlockSlots][4] = {};
+                    bool touched[kBlockSlots] = {};
+                    for (const StencilRead &s : reads) {
+                        const int qi = i + s.drow, qj = j + s.dcol;
+                        if (qi < 0 || qi >= H || qj < 0 || qj >= W) continue;
+                        const double value = s.band < 0 ? A->diag[p] : A->bands[s.band * n + p + s.at];
+                        if (value == 0.0) continue;
+                        const int slot = blockSlot(qi / S - I, qj / S - J);
+                        const float *q = &mg->basis[size_t(qi + int64_t(qj) * H) * 4];
+                        for (int d = 0; d < 4; ++d)
+                            v[slot][d] += value * q[d];
+                        touched[slot] = true;
+                    }
+                    const float *qp = &mg->basis[size_t(p) * 4];
+                    for (int slot = 0; slot < kBlockSlots; ++slot) {
+                        if (!touched[slot]) continue;
+                        for (int c = 0; c < 4; ++c)
+                            for (int r = 0; r < 4; ++r)
+                                acc[slot][c * 4 + r] += qp[r] * v[slot][c];
+                    }
+                }
+            for (int slot = 0; slot < kBlockSlots; ++slot) {
+                float *M = blockAt(&L1->K, a, slot);
+                for (int k = 0; k < kBlockSize; ++k)
+                    M[k] = float(acc[slot][k]);
+            }
+        }
+    });
+}
+
+// Next coarse level: 2 x 2 nodes of `fine` become one node of `coarse`. The candidates of the member
+// nodes, stacked, are orthonormalised (modified Gram-Schmidt, twice for accuracy); the orthonormal
+// columns are the transfer and the triangular factor is the coarse node's candidates.
+void buildNextLevel(MultigridLevel *fine, MultigridLevel *coarse) {
+    const BlockGrid *K = &fine->K;
+    const int h = K->height, w = K->width;
+    const int ch = (h + 1) / 2, cw = (w + 1) / 2;
+    const int64_t nc = int64_t(ch) * cw;
+    fine->transfer.assign(size_t(blockNodes(K)) * kBlockSize, 0.0);
+    coarse->candidates.assign(size_t(nc) * kBlockSize, 0.0);
+    parallelRange(nc, kParallelGrain, [&](int64_t begin, int64_t end) {
+        for (int64_t A = begin; A < end; ++A) {
+            const int I = int(A % ch), J = int(A / ch);
+            int64_t members[4];
+            int count = 0;
+            for (int v = 0; v < 2; ++v)
+                for (int u = 0; u < 2; ++u) {
+                    const int i = 2 * I + u, j = 2 * J + v;
+                    if (i < h && j < w) members[count++] = i + int64_t(j) * h;
+                }
+            const int rows = count * 4;
+            double Mx[16][4];
+            for (int m = 0; m < count; ++m)
+                for (int d = 0; d < 4; ++d)
+                    for (int c = 0; c < 4; ++c)
+                        Mx[m * 4 + d][c] = fine->candidates[size_t(members[m]) * 16 + d * 4 + c];
+            double R[4][4] = {};
+            for (int c = 0; c < 4; ++c) {
+                double norm0 = 0.0;
+                for (int r = 0; r < rows; ++r)
+                    norm0 += Mx[r][c] * Mx[r][c];
+                for (int pass = 0; pass < 2; ++pass)
+                    for (int e = 0; e < c; ++e) {
+                        double dot = 0.0;
+                        for (int r = 0; r < rows; ++r)
+                            dot += Mx[r][e] * Mx[r][c];
+                        R[e][c] += dot;
+                        for (int r = 0; r < rows; ++r)
+                            Mx[r][c] -= dot * Mx[r][e];
+                    }
+                double norm = 0.0;
+                for (int r = 0; r < rows; ++r)
+                    norm += Mx[r][c] * Mx[r][c];
+                if (!(norm > 1e-16 * norm0) || !(norm > 0.0)) {
+                    for (int r = 0; r < rows; ++r)
+                        Mx[r][c] = 0.0;
+                    continue;
+                }
+                norm = std::sqrt(norm);
+                R[c][c] = norm;
+                for (int r = 0; r < rows; ++r)
+                    Mx[r][c] /= norm;
+            }
+            for (int m = 0; m < count; ++m)
+                for (int d = 0; d < 4; ++d)
+                    for (int c = 0; c < 4; ++c)
+                        fine->transfer[size_t(members[m]) * 16 + d * 4 + c] = Mx[m * 4 + d][c];
+            for (int d = 0; d < 4; ++d)
+                for (int c = 0; c < 4; ++c)
+                    coarse->candidates[size_t(A) * 16 + d * 4 + c] = R[d][c];
+        }
+    });
+
+    initBlockGrid(&coarse->K, ch, cw);
+    parallelRange(nc, kParallelGrain, [&](int64_t begin, int64_t end) {
+        for (int64_t A = begin; A < end; ++A) {
+            const int I = int(A % ch), J = int(A / ch);
+            double acc[kBlockSlots][kBlockSize] = {};
+            for (int v = 0; v < 2; ++v)
+                for (int u = 0; u < 2; ++u) {
+                    const int i = 2 * I + u, j = 2 * J + v;
+                    if (i >= h || j >= w) continue;
+                    const int64_t a = i + int64_t(j) * h;
+                    const double *Qa = &fine->transfer[size_t(a) * 16];
+                    for (int dc = -1; dc <= 1; ++dc)
+                        for (int dr = -1; dr <= 1; ++dr) {
+                            const int bi = i + dr, bj = j + dc;
+                            if (bi < 0 || bi >= h || bj < 0 || bj >= w) continue;
+                            const int slot = blockSlot(bi / 2 - I, bj / 2 - J);
+                            const int64_t b = bi + int64_t(bj) * h;
+                            const float *Kab = blockAt(K, a, blockSlot(dr, dc)); // by columns
+                            const double *Qb = &fine->transfer[size_t(b) * 16];
+                            // T = K(a, b) Q_b, then acc += Q_a^T T (acc by columns).
+                            double T[16] = {};
+                            for (int r = 0; r < 4; ++r)
+                                for (int k = 0; k < 4; ++k)
+                                    for (int c = 0; c < 4; ++c)
+                                        T[r * 4 + c] += double(Kab[k * 4 + r]) * Qb[k * 4 + c];
+                            for (int r = 0; r < 4; ++r)
+                                for (int k = 0; k < 4; ++k)
+                                    for (int c = 0; c < 4; ++c)
+                                        acc[slot][c * 4 + r] += Qa[k * 4 + r] * T[k * 4 + c];
+                        }
+                }
+            for (int slot = 0; slot < kBlockSlots; ++slot) {
+                float *M = blockAt(&coarse->K, A, slot);
+                for (int k = 0; k < kBlockSize; ++k)
+                    M[k] = float(acc[slot][k]);
+            }
+        }
+    });
+}
+
+void allocateWork(MultigridLevel *L) {
+    for (BlockVector *v : {&L->rhs, &L->sol, &L->r, &L->p1, &L->q1, &L->p2, &L->q2, &L->res})
+        initBlockVector(v, &L->K);
+}
+
+double dot(const double *a, const double *b, int64_t n) {
+    return parallelSum(n, 1 << 15, [&](int64_t begin, int64_t end) {
+        double s = 0.0;
+        for (int64_t i = begin; i < end; ++i)
+            s += a[i] * b[i];
+        return s;
+    });
+}
+
+void solveLevel(Multigrid *mg, size_t l);
+
+// One cycle on coarse level l for K x = b: forward sweep, correction from level l + 1, backward sweep.
+void cycleLevel(Multigrid *mg, size_t l, const BlockVector *b, BlockVector *x) {
+    MultigridLevel *L = mg->levels[l].get();
+    MultigridLevel *C = mg->levels[l + 1].get();
+    const BlockGrid *K = &L->K;
+    sweepBlockGrid(K, b, x, true, true);
+    residualBlockGrid(K, b, x, &L->res);
+    const int h = K->height, w = K->width, ch = C->K.height;
+    const double *res = L->res.data;
+    parallelRange(blockNodes(&C->K), kParallelGrain, [&](int64_t begin, int64_t end) {
+        for (int64_t A = begin; A < end; ++A) {
+            const int I = int(A % ch), J = int(A / ch);
+            double s[4] = {0, 0, 0, 0};
+            for (int v = 0; v < 2; ++v)
+                for (int u = 0; u < 2; ++u) {
+                    const int i = 2 * I + u, j = 2 * J + v;
+                    if (i >= h || j >= w) continue;
+                    const int64_t a = i + int64_t(j) * h;
+                    const double *Q = &L->transfer[size_t(a) * 16];
+                    for (int c = 0; c < 4; ++c)
+                        for (int d = 0; d < 4; ++d)
+                            s[c] += Q[d * 4 + c] * res[a * 4 + d];
+                }
+            for (int c = 0; c < 4; ++c)
+                C->rhs.data[A * 4 + c] = s[c];
+        }
+    });
+    solveLevel(mg, l + 1);
+    const double *sol = C->sol.data;
+    parallelRange(blockNodes(K), kParallelGrain, [&](int64_t begin, int64_t end) {
+        for (int64_t a = begin; a < end; ++a) {
+            const int64_t A = (a % h) / 2 + ((a / h) / 2) * int64_t(ch);
+            const double *Q = &L->transfer[size_t(a) * 16];
+            for (int d = 0; d < 4; ++d)
+                for (int c = 0; c < 4; ++c)
+                    x->data[a * 4 + d] += Q[d * 4 + c] * sol[A * 4 + c];
+        }
+    });
+    sweepBlockGrid(K, b, x, false, false);
+}
+
+// Approximate solution of level l's problem (rhs -> sol): the direct solve on the last level,
+// otherwise two flexible conjugate gradient steps preconditioned by cycleLevel.
+void solveLevel(Multigrid *mg, size_t l) {
+    MultigridLevel *L = mg->levels[l].get();
+    const int64_t n = L->rhs.size;
+    double *x = L->sol.data;
+    const double *rhs = L->rhs.data;
+    if (l + 1 == mg->levels.size()) {
+        solveBlockFactor(&mg->coarsest, rhs, x);
+        return;
+    }
+    const BlockGrid *K = &L->K;
+    double *p1 = L->p1.data, *q1 = L->q1.data, *p2 = L->p2.data, *q2 = L->q2.data, *r = L->r.data;
+    cycleLevel(mg, l, &L->rhs, &L->p1);
+    multiplyBlockGrid(K, &L->p1, &L->q1);
+    const double pq1 = dot(p1, q1, n);
+    if (!(pq1 > 0.0)) {
+        std::copy(p1, p1 + n, x);
+        return;
+    }
+    const double alpha1 = dot(p1, rhs, n) / pq1;
+    for (int64_t i = 0; i < n; ++i) {
+        x[i] = alpha1 * p1[i];
+        r[i] = rhs[i] - alpha1 * q1[i];
+    }
+    cycleLevel(mg, l, &L->r, &L->p2);
+    multiplyBlockGrid(K, &L->p2, &L->q2);
+    // Make the second direction conjugate to the first.
+    const double beta = dot(p2, q1, n) / pq1;
+    for (int64_t i = 0; i < n; ++i) {
+        p2[i] -= beta * p1[i];
+        q2[i] -= beta * q1[i];
+    }
+    const double pq2 = dot(p2, q2, n);
+    if (!(pq2 > 0.0)) return;
+    const double alpha2 = dot(p2, r, n) / pq2;
+    for (int64_t i = 0; i < n; ++i)
+        x[i] += alpha2 * p2[i];
+}
+
+} // namespace
+
+void buildMultigrid(const GridMatrix *A, const float *colour, int channels, Multigrid *mg) {
+    mg->A = A;
+    mg->levels.clear();
+    mg->basis.clear();
+    const int64_t n = gridPixels(A);
+    mg->inv_diag.resize(n);
+    for (int64_t p = 0; p < n; ++p)
+        mg->inv_diag[p] = A->diag[p] > 0.0 ? 1.0 / A->diag[p] : 0.0;
+    if (!colour) channels = 0;
+    channels = std::clamp(channels, 0, 3);
+
+    if (n <= kDirectPixels) {
+        // Small enough to factor outright: the "cycle" is then the exact inverse.
+        mg->aggregate = 0;
+        BlockFactor &F = mg->coarsest;
+        F.n = n;
+        F.bandwidth = int(std::min<int64_t>(A->band_shift.empty() ? 0 : A->band_shift.back(), n - 1));
+        const int w = F.bandwidth + 1;
+        F.lower.assign(size_t(n) * w, 0.0);
+        std::vector<double> scale(A->diag.begin(), A->diag.end());
+        for (int64_t p = 0; p < n; ++p)
+            F.lower[p * w] = A->diag[p];
+        for (size_t k = 0; k < A->band_shift.size(); ++k) {
+            const int64_t s = A->band_shift[k];
+            if (s > F.bandwidth) continue;
+            for (int64_t p = 0; p + s < n; ++p)
+                F.lower[(p + s) * w + s] += A->bands[k * n + p];
+        }
+        factorBanded(&F, scale);
+        return;
+    }
+
+    mg->aggregate = std::max(4, A->reach);
+    mg->residual.assign(n, 0.0);
+    auto first = std::make_unique<MultigridLevel>();
+    buildFirstLevel(mg, colour, channels, first.get());
+    mg->levels.push_back(std::move(first));
+    for (;;) {
+        MultigridLevel *L = mg->levels.back().get();
+        const int64_t nodes = blockNodes(&L->K);
+        if (nodes <= kDirectNodes || (L->K.height == 1 && L->K.width == 1)) break;
+        auto next = std::make_unique<MultigridLevel>();
+        buildNextLevel(L, next.get());
+        mg->levels.push_back(std::move(next));
+    }
+    for (auto &L : mg->levels) {
+        invertBlockDiagonal(&L->K);
+        allocateWork(L.get());
+    }
+    factorBlockGrid(&mg->levels.back()->K, &mg->coarsest);
+}
+
+void applyMultigrid(Multigrid *mg, const double *r, double *z) {
+    const GridMatrix *A = mg->A;
+    const int64_t n = gridPixels(A);
+    if (mg->levels.empty()) {
+        solveBlockFactor(&mg->coarsest, r, z);
+        return;
+    }
+    sweepGridMatrix(A, mg->inv_diag.data(), r, z, true, true);
+    double *res = mg->residual.data();
+    parallelRange(n, 1 << 15, [&](int64_t begin, int64_t end) {
+        multiplyGridMatrixRange(A, z, res, begin, end);
+        for (int64_t p = begin; p < end; ++p)
+            res[p] = r[p] - res[p];
+    });
+    MultigridLevel *L1 = mg->levels[0].get();
+    const int H = A->height, W = A->width, S = mg->aggregate, ah = L1->K.height;
+    const int64_t na = blockNodes(&L1->K);
+    parallelRange(na, kParallelGrain, [&](int64_t begin, int64_t end) {
+        for (int64_t a = begin; a < end; ++a) {
+            const int I = int(a % ah), J = int(a / ah);
+            const int i0 = I * S, i1 = std::min(H, i0 + S), j0 = J * S, j1 = std::min(W, j0 + S);
+            double s[4] = {0, 0, 0, 0};
+            for (int j = j0; j < j1; ++j)
+                for (int i = i0; i < i1; ++i) {
+                    const int64_t p = i + int64_t(j) * H;
+                    const float *q = &mg->basis[size_t(p) * 4];
+                    for (int d = 0; d < 4; ++d)
+                        s[d] += q[d] * res[p];
+                }
+            for (int d = 0; d < 4; ++d)
+                L1->rhs.data[a * 4 + d] = s[d];
+        }
+    });
+    solveLevel(mg, 0);
+    parallelRange(na, kParallelGrain, [&](int64_t begin, int64_t end) {
+        for (int64_t a = begin; a < end; ++a) {
+            const int I = int(a % ah), J = int(a / ah);
+            const int i0 = I * S, i1 = std::min(H, i0 + S), j0 = J * S, j1 = std::min(W, j0 + S);
+            const double *c = &L1->sol.data[a * 4];
+            for (int j = j0; j < j1; ++j)
+                for (int i = i0; i < i1; ++i) {
+                    const int64_t p = i + int64_t(j) * H;
+                    const float *q = &mg->basis[size_t(p) * 4];
+                    z[p] += q[0] * c[0] + q[1] * c[1] + q[2] * c[2] + q[3] * c[3];
+                }
+        }
+    });
+    sweepGridMatrix(A, mg->inv_diag.data(), r, z, false, false);
+}
+
+int multigridLevelCount(const Multigrid *mg) {
+    return 1 + int(mg->levels.size());
+}
+
+size_t multigridBytes(const Multigrid *mg) {
+    size_t bytes = mg->inv_diag.size() * sizeof(double) + mg->basis.size() * sizeof(float) +
+                   mg->residual.size() * sizeof(double) + mg->coarsest.lower.size() * sizeof(double);
+    for (const auto &L : mg->levels) {
+        bytes += (L->K.blocks.size() + L->K.inverse.size()) * sizeof(float);
+        bytes += (L->candidates.size() + L->transfer.size()) * sizeof(double);
+        bytes += 8 * L->rhs.storage.size() * sizeof(double);
+    }
+    return bytes;
+}
