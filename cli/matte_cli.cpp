@@ -251,6 +251,9 @@ const char *matte_usage(void) {
            "  --threshold T       trimatte threshold for down-scaled mattes, 0 .. 0.5 (default 0.02)\n"
            "  --epsilon E         how much edges are softened, 1e-7 .. 1e-5 (default 1e-7)\n"
            "  --radius R          window radius, 1 .. 5 (default 1)\n"
+           "  --solver NAME       linear solver of the solved levels: umfpack (default, as the GUI),\n"
+           "                      cholmod (Cholesky, for larger images) or cg (conjugate gradients,\n"
+           "                      for the largest images)\n"
            "  --alpha-only        write the matte alone, as a grey image\n"
            "  -h, --help          show this text\n"
            "\n"
@@ -290,7 +293,7 @@ int parse_matte_args(int argc, char **argv, matte_options *opts, std::string *er
         }
         const bool takes_value = name == "-o" || name == "--output" || name == "--trimap" ||
                                  name == "--levels" || name == "--steps" || name == "--threshold" ||
-                                 name == "--epsilon" || name == "--radius";
+                                 name == "--epsilon" || name == "--radius" || name == "--solver";
         if (!takes_value) {
             *error = format("unknown option '%s'", arg.c_str());
             return MATTE_EXIT_USAGE;
@@ -306,6 +309,11 @@ int parse_matte_args(int argc, char **argv, matte_options *opts, std::string *er
             opts->output = value;
         } else if (name == "--trimap") {
             opts->trimap = value;
+        } else if (name == "--solver") {
+            if (parseSolverKind(value.c_str(), &opts->solver) != 0) {
+                *error = format("--solver must be umfpack, cholmod or cg, not '%s'", value.c_str());
+                return MATTE_EXIT_USAGE;
+            }
         } else if (name == "--levels" || name == "--steps" || name == "--radius") {
             int v;
             if (!parse_int(value.c_str(), &v)) {
@@ -477,11 +485,29 @@ int run_matte(const matte_options &opts, FILE *progress, std::string *error) {
     Progress prog{progress, opts.levels, {}, {}};
     setEnginePhaseHook(on_phase, &prog);
     int status = -3;
+    SolverReport report;
     const auto t0 = std::chrono::steady_clock::now();
-    in.matte = solveAlphaC2F(&in.tiff, in.mask, in.values, opts.levels, std::min(opts.levels, opts.steps),
-                             opts.radius, &status, opts.threshold, opts.epsilon);
+    if (opts.solver == SOLVER_UMFPACK)
+        in.matte = solveAlphaC2F(&in.tiff, in.mask, in.values, opts.levels, std::min(opts.levels, opts.steps),
+                                 opts.radius, &status, opts.threshold, opts.epsilon);
+    else
+        in.matte =
+            solveAlphaC2FWith(&in.tiff, in.mask, in.values, opts.levels, std::min(opts.levels, opts.steps),
+                              opts.radius, opts.threshold, opts.epsilon, opts.solver, &report);
     setEnginePhaseHook(nullptr, nullptr);
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+
+    if (opts.solver != SOLVER_UMFPACK) {
+        if (report.status != SOLVE_OK) {
+            *error = format("failure: %s", report.message.c_str());
+            return MATTE_EXIT_SOLVER;
+        }
+        if (progress && opts.solver == SOLVER_CG)
+            fprintf(progress,
+                    "keldra-matte: cg: %d iterations on the finest solved level, relative residual %.2g\n",
+                    report.iterations, report.relative_residual);
+        status = 0;
+    }
 
     if (const char *message = solver_status_message(status)) {
         *error = message;

@@ -10,6 +10,8 @@
 #include <cstdio>
 #include <string>
 
+#include "matting/linear_solver.h"
+
 // Exit statuses of keldra-matte.
 enum MatteExit {
     MATTE_EXIT_OK = 0,     // the output file was written
@@ -30,8 +32,9 @@ struct matte_options {
     double threshold = 0.02;
     double epsilon = 1e-7;
     int radius = 1;
-    bool alpha_only = false; // write the grey matte instead of the image with the matte as alpha
-    bool help = false;       // --help: print the usage and do nothing else
+    SolverKind solver = SOLVER_UMFPACK; // --solver: the linear solver of the solved levels
+    bool alpha_only = false;            // write the grey matte instead of the image with the matte as alpha
+    bool help = false;                  // --help: print the usage and do nothing else
 };
 
 // matte_usage: the usage text printed by --help and after a command-line error.
@@ -39,7 +42,8 @@ const char *matte_usage(void);
 
 // parse_matte_args: reads argv[1 .. argc-1] into *opts (defaults first). Options take their value as
 // the next argument or after '='. The checks that need no image (syntax, the fixed bounds of
-// --steps >= 1, --threshold 0..0.5, --epsilon 1e-7..1e-5, --radius 1..5, --levels >= 1) happen here.
+// --steps >= 1, --threshold 0..0.5, --epsilon 1e-7..1e-5, --radius 1..5, --levels >= 1, --solver one of
+// umfpack, cholmod, cg) happen here.
 //   opts   output; error  output: a one-line description of the first problem
 // Returns MATTE_EXIT_OK, or MATTE_EXIT_USAGE with *error set.
 int parse_matte_args(int argc, char **argv, matte_options *opts, std::string *error);
@@ -50,7 +54,8 @@ const char *solver_status_message(int status);
 
 // run_matte: loads the inputs, checks them against each other and against the options' bounds that
 // depend on the image (levels, and a coarsest level at least one window wide), runs solveAlphaC2F as
-// the calculation job does and writes the result through a temporary file renamed into place.
+// the calculation job does (or, with --solver cholmod or cg, solveAlphaC2FWith) and writes the result
+// through a temporary file renamed into place.
 //   opts      input: a parsed command line
 //   progress  modified: one line per pyramid level (level, size, seconds) and a final line
 //   error     output: the message for a non-zero result (may span lines for solver failures)

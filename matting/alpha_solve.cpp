@@ -6,10 +6,13 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <new>
+#include <string>
 #include <vector>
 
 #include <umfpack.h>
 
+#include "matting/compact_laplacian.h"
 #include "matting/laplacian.h"
 #include "matting/sparse_store.h"
 #include "numeric/arrays.h"
@@ -206,6 +209,60 @@ double **solveAlpha(const TIFF_img *image, const double *const *constraint_map,
         for (int j = 0; j < W; j++)
             alpha[i][j] = V_GetCmp(&x, (size_t)i + (size_t)j * H + 1);
     V_Destr(&x);
+    report(ENGINE_PHASE_RESULT, 0, image);
+    return alpha;
+}
+
+double **solveAlphaWith(const TIFF_img *image, const double *const *constraint_map,
+                        const double *const *constraint_values, int radius, double epsilon, SolverKind solver,
+                        const double *const *start, SolverReport *outcome) {
+    const int H = image->height, W = image->width;
+    *outcome = SolverReport();
+    if (solver == SOLVER_UMFPACK) {
+        int status = 0;
+        double **alpha = solveAlpha(image, constraint_map, constraint_values, radius, &status, epsilon);
+        outcome->status = status;
+        return alpha;
+    }
+    std::vector<double> x;
+    {
+        GridSystem system;
+        std::string message;
+        report(ENGINE_PHASE_LAPLACIAN, 1, image);
+        int built = -1;
+        try {
+            built = getCompactMattingSystem(image, const_cast<double **>(constraint_map),
+                                            const_cast<double **>(constraint_values), radius, epsilon,
+                                            &system, &message);
+        } catch (const std::bad_alloc &) {
+            message = "not enough memory for the matting system";
+            outcome->status = SOLVE_OUT_OF_MEMORY;
+        }
+        report(ENGINE_PHASE_LAPLACIAN, 0, image);
+        if (built == 0) {
+            x.assign((size_t)W * H, 0.0);
+            SolverOptions options;
+            if (start) {
+                options.use_start = true;
+                for (int j = 0; j < W; j++)
+                    for (int i = 0; i < H; i++)
+                        x[(size_t)i + (size_t)j * H] = start[i][j];
+            }
+            report(ENGINE_PHASE_SOLVE, 1, image);
+            solveLinearSystem(solver, &system, x.data(), &options, outcome);
+            report(ENGINE_PHASE_SOLVE, 0, image, outcome->status);
+        } else {
+            if (outcome->status == SOLVE_OK) outcome->status = SOLVE_FAILED;
+            outcome->message = message;
+        }
+    }
+    report(ENGINE_PHASE_RESULT, 1, image);
+    double **alpha = (double **)get_img(W, H, sizeof(double));
+    for (int i = 0; i < H; i++)
+        for (int j = 0; j < W; j++) {
+            const double v = x.empty() ? 0.0 : x[(size_t)i + (size_t)j * H];
+            alpha[i][j] = v > 1.0 ? 1.0 : v < 0.0 ? 0.0 : v;
+        }
     report(ENGINE_PHASE_RESULT, 0, image);
     return alpha;
 }

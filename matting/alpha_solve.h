@@ -11,6 +11,7 @@
 
 #include <cholmod.h>
 
+#include "matting/linear_solver.h"
 #include "numeric/tiff.h"
 
 // solveAlpha: solves the alpha matte of one level.
@@ -29,6 +30,23 @@
 // The right-hand-side vector's storage is kept allocated after the call, as designed.
 double **solveAlpha(const TIFF_img *image, const double *const *constraint_map,
                     const double *const *constraint_values, int radius, int *status, double epsilon);
+
+// solveAlphaWith: the matte of one level with a chosen linear solver. SOLVER_UMFPACK is solveAlpha
+// itself, unchanged. SOLVER_CHOLMOD and SOLVER_CG assemble the same system straight into the compact
+// store (matting/compact_laplacian.h) and solve it through solveLinearSystem (matting/linear_solver.h);
+// neither builds the QMatrix or a triplet, and neither ends the process on a numerical failure.
+//   image, constraint_map, constraint_values, radius, epsilon  input: as solveAlpha
+//   solver  input: the solver
+//   start   input: height x width start for SOLVER_CG (the upsampled coarser matte), or null for 0;
+//           ignored by the direct solvers
+//   outcome  output: status (UMFPACK's code for SOLVER_UMFPACK, else linear_solver.h's), message,
+//           iterations, residual and timings
+// Returns a new height x width array (get_img; release with free_img) of alpha clamped to [0, 1]. On a
+// failure (outcome->status negative) its values are whatever the solver left, clamped, and must not be
+// used as a matte.
+double **solveAlphaWith(const TIFF_img *image, const double *const *constraint_map,
+                        const double *const *constraint_values, int radius, double epsilon, SolverKind solver,
+                        const double *const *start, SolverReport *outcome);
 
 // assembleAlphaSystem: the part of solveAlpha before the factorisation. Builds the Laplacian, adds
 // lambda * map to the diagonal of every constrained pixel (a constrained pixel with an empty row gets

@@ -99,10 +99,18 @@ void add_trimap_constraints(const double *const *alpha, double **map, double **v
     free_img((void **)bg_eroded);
 }
 
-} // namespace
+// How the solved levels are solved. The specified driver uses solveAlpha at every solved level and goes
+// on after a failed level; with another solver the first failure stops further solves, so that its
+// status and message reach the caller instead of a matte built on a failed level.
+struct LevelSolver {
+    SolverKind kind;
+    SolverReport *report; // null for the specified driver
+    bool failed;
+};
 
-double **solveAlphaC2F(const TIFF_img *image, double **constraint_map, double **constraint_values, int levels,
-                       int active_levels, int radius, int *status, double threshold, double epsilon) {
+double **solveLevels(const TIFF_img *image, double **constraint_map, double **constraint_values, int levels,
+                     int active_levels, int radius, int *status, double threshold, double epsilon,
+                     LevelSolver *solver) {
     const int H = image->height, W = image->width;
     if (threshold < 0.02) threshold = 0.02;
     if (active_levels < 1) active_levels = 1;
@@ -118,8 +126,8 @@ double **solveAlphaC2F(const TIFF_img *image, double **constraint_map, double **
 
         printf("levels_num %d Active_levels_num %d\n", levels, active_levels);
         const int coarse_active = levels - 1 < active_levels ? levels - 1 : active_levels;
-        double **coarse_alpha = solveAlphaC2F(&coarse, coarse_map, coarse_values, levels - 1, coarse_active,
-                                              radius, status, threshold, epsilon);
+        double **coarse_alpha = solveLevels(&coarse, coarse_map, coarse_values, levels - 1, coarse_active,
+                                            radius, status, threshold, epsilon, solver);
 
         report_resample(1, image);
         alpha = upSampleAlphaUsingImg(coarse_alpha, &coarse, image, radius, epsilon);
@@ -131,13 +139,43 @@ double **solveAlphaC2F(const TIFF_img *image, double **constraint_map, double **
         report_resample(0, image);
     }
 
-    const int solved = levels <= active_levels;
-    if (solved) {
+    int solved = levels <= active_levels;
+    if (solved && !solver->report) {
         if (alpha) free_img((void **)alpha);
         alpha = solveAlpha(image, constraint_map, constraint_values, radius, status, epsilon);
+    } else if (solved && !solver->failed) {
+        // The upsampled coarser matte is where conjugate gradients start.
+        double **next = solveAlphaWith(image, constraint_map, constraint_values, radius, epsilon,
+                                       solver->kind, alpha, solver->report);
+        if (alpha) free_img((void **)alpha);
+        alpha = next;
+        *status = solver->report->status;
+        solver->failed = solver->kind != SOLVER_UMFPACK && solver->report->status < 0;
+    } else if (solved) {
+        solved = 0;
+        if (!alpha) alpha = (double **)get_init_arr(W, H, sizeof(double));
     }
     report_level(0, image, levels, solved);
     return alpha;
+}
+
+} // namespace
+
+double **solveAlphaC2F(const TIFF_img *image, double **constraint_map, double **constraint_values, int levels,
+                       int active_levels, int radius, int *status, double threshold, double epsilon) {
+    LevelSolver specified{SOLVER_UMFPACK, nullptr, false};
+    return solveLevels(image, constraint_map, constraint_values, levels, active_levels, radius, status,
+                       threshold, epsilon, &specified);
+}
+
+double **solveAlphaC2FWith(const TIFF_img *image, double **constraint_map, double **constraint_values,
+                           int levels, int active_levels, int radius, double threshold, double epsilon,
+                           SolverKind kind, SolverReport *report) {
+    *report = SolverReport();
+    int status = 0;
+    LevelSolver chosen{kind, report, false};
+    return solveLevels(image, constraint_map, constraint_values, levels, active_levels, radius, &status,
+                       threshold, epsilon, &chosen);
 }
 
 TIFF_img downSmpIm(const TIFF_img *image, int f) {

@@ -4,6 +4,7 @@
 #ifndef KELDRA_MATTING_COARSE_TO_FINE_H
 #define KELDRA_MATTING_COARSE_TO_FINE_H
 
+#include "matting/linear_solver.h"
 #include "numeric/tiff.h"
 
 // solveAlphaC2F: the matte of image over `levels` pyramid levels (this one included), of which the
@@ -26,6 +27,21 @@
 // caller keeps the coarsest level's sides at least 5. Fatal failures as in solveAlpha and the upsampling.
 double **solveAlphaC2F(const TIFF_img *image, double **constraint_map, double **constraint_values, int levels,
                        int active_levels, int radius, int *status, double threshold, double epsilon);
+
+// solveAlphaC2FWith: solveAlphaC2F with a choice of linear solver for the solved levels (the pyramid,
+// the upsampling and the trimap constraints are the same code). SOLVER_UMFPACK solves each level with
+// solveAlpha exactly as solveAlphaC2F does; SOLVER_CHOLMOD and SOLVER_CG go through solveAlphaWith
+// (matting/alpha_solve.h), conjugate gradients starting from the upsampled coarser matte.
+//   image .. levels, active_levels, radius, threshold, epsilon  as solveAlphaC2F
+//   kind    input: the solver
+//   report  output: the report of the finest solved level, or of the first level whose solve failed
+//           (status < 0): no finer level is solved after a failure, and the returned array must not be
+//           used as a matte. With SOLVER_UMFPACK, UMFPACK's status of the finest solved level and no
+//           message, as solveAlphaC2F's status.
+// Returns a new height x width array (release with free_img).
+double **solveAlphaC2FWith(const TIFF_img *image, double **constraint_map, double **constraint_values,
+                           int levels, int active_levels, int radius, double threshold, double epsilon,
+                           SolverKind kind, SolverReport *report);
 
 // downSmpIm: filters every channel of image with the binomial kernel of radius f (taps 1/4 [1 2 1] for
 // f = 1, 1/16 [1 4 6 4 1] for f = 2) and keeps every second sample, starting at (f, f).
