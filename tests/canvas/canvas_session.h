@@ -25,9 +25,17 @@ inline void pump(int ms = 0) {
     } while (g_get_monotonic_time() < end);
 }
 
+// A new empty folder, removed with its contents when the test program ends.
 inline std::string temp_folder() {
+    static std::vector<std::string> made;
+    static const bool removal = std::atexit([] {
+                                    for (const std::string &folder : made)
+                                        if (system(("rm -rf '" + folder + "'").c_str()) != 0) continue;
+                                }) == 0;
+    (void)removal;
     char name[] = "/tmp/keldra-canvas-XXXXXX";
-    return mkdtemp(name);
+    made.push_back(mkdtemp(name));
+    return made.back();
 }
 
 // Starts the program with the given file arguments and runs body inside its main loop. Globals that
