@@ -25,13 +25,23 @@ inline void pump(int ms = 0) {
     } while (g_get_monotonic_time() < end);
 }
 
+inline std::vector<std::string> &temp_folders() {
+    static std::vector<std::string> made;
+    return made;
+}
+
+inline void remove_temp_folders() {
+    for (const std::string &folder : temp_folders()) {
+        int status = system(("rm -rf '" + folder + "'").c_str());
+        (void)status;
+    }
+}
+
 // A new empty folder, removed with its contents when the test program ends.
 inline std::string temp_folder() {
-    static std::vector<std::string> made;
-    static const bool removal = std::atexit([] {
-                                    for (const std::string &folder : made)
-                                        if (system(("rm -rf '" + folder + "'").c_str()) != 0) continue;
-                                }) == 0;
+    // The list exists before the handler is registered, so it is destroyed only after the handler ran.
+    std::vector<std::string> &made = temp_folders();
+    static const bool removal = std::atexit(remove_temp_folders) == 0;
     (void)removal;
     char name[] = "/tmp/keldra-canvas-XXXXXX";
     made.push_back(mkdtemp(name));
