@@ -1,9 +1,18 @@
-// Small deterministic images and arrays shared by the matting engine's tests.
+// Small deterministic images and arrays, a dense reference solver and a scratch working folder shared
+// by the matting engine's tests.
 #ifndef KELDRA_TESTS_MATTING_ENGINE_FIXTURES_H
 #define KELDRA_TESTS_MATTING_ENGINE_FIXTURES_H
 
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <cmath>
 #include <cstdint>
 #include <cstdlib>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "numeric/arrays.h"
 #include "numeric/tiff.h"
@@ -46,5 +55,50 @@ inline double **make_map(int H, int W, double fill) {
             m[i][j] = fill;
     return m;
 }
+
+// Solves the dense N x N system M x = b (M row-major) by Gaussian elimination with partial pivoting.
+inline std::vector<double> dense_solve(std::vector<double> M, std::vector<double> b) {
+    const size_t N = b.size();
+    for (size_t c = 0; c < N; c++) {
+        size_t piv = c;
+        for (size_t r = c + 1; r < N; r++)
+            if (std::fabs(M[r * N + c]) > std::fabs(M[piv * N + c])) piv = r;
+        for (size_t k = 0; k < N; k++)
+            std::swap(M[c * N + k], M[piv * N + k]);
+        std::swap(b[c], b[piv]);
+        for (size_t r = c + 1; r < N; r++) {
+            const double f = M[r * N + c] / M[c * N + c];
+            for (size_t k = c; k < N; k++)
+                M[r * N + k] -= f * M[c * N + k];
+            b[r] -= f * b[c];
+        }
+    }
+    std::vector<double> x(N);
+    for (size_t r = N; r-- > 0;) {
+        double s = b[r];
+        for (size_t k = r + 1; k < N; k++)
+            s -= M[r * N + k] * x[k];
+        x[r] = s / M[r * N + r];
+    }
+    return x;
+}
+
+// Runs each test in a fresh temporary folder, for the routines that write to the current directory.
+class InTempDir : public testing::Test {
+  protected:
+    void SetUp() override {
+        char pattern[] = "/tmp/keldra_matting_XXXXXX";
+        ASSERT_NE(mkdtemp(pattern), nullptr);
+        folder_ = pattern;
+        ASSERT_NE(getcwd(previous_, sizeof previous_), nullptr);
+        ASSERT_EQ(chdir(folder_.c_str()), 0);
+    }
+    void TearDown() override {
+        ASSERT_EQ(chdir(previous_), 0);
+        ASSERT_EQ(system(("rm -rf '" + folder_ + "'").c_str()), 0);
+    }
+    std::string folder_;
+    char previous_[4096];
+};
 
 #endif
