@@ -24,8 +24,8 @@ int64_t blockNodes(const BlockGrid *K) {
 void initBlockVector(BlockVector *v, const BlockGrid *K) {
     const int64_t margin = int64_t(K->height + 1) * kBlockDofs;
     v->size = blockNodes(K) * kBlockDofs;
-    v->storage.assign(size_t(v->size + 2 * margin), 0.0);
-    v->data = v->storage.data() + margin;
+    v->storage.assign(size_t(v->size + 2 * margin), 0.0f);
+    v->margin = margin;
 }
 
 // Cholesky-based pseudo-inverse of a symmetric 4 x 4 block: exact on the unknowns whose pivots are
@@ -79,16 +79,26 @@ void invertBlockDiagonal(BlockGrid *K) {
         pseudoInverse4(blockAt(K, a, kCentreSlot), &K->inverse[size_t(a) * kBlockSize]);
 }
 
-// s -= M x for a block M stored by columns.
-static inline void subtractBlock(const float *M, const double *x, double *s) {
-    for (int c = 0; c < 4; ++c) {
-        const double xc = x[c];
-        for (int r = 0; r < 4; ++r)
-            s[r] -= double(M[c * 4 + r]) * xc;
-    }
+// Four single-precision lanes: one block column, or one node's four unknowns.
+typedef float Float4 __attribute__((vector_size(16)));
+
+static inline Float4 load4(const float *p) {
+    Float4 v;
+    std::memcpy(&v, p, sizeof v);
+    return v;
 }
 
-// Unknown offsets of the nine neighbour slots of a node on a grid of height h.
+static inline void store4(float *p, Float4 v) {
+    std::memcpy(p, &v, sizeof v);
+}
+
+// s - M x for a block M stored by columns.
+static inline Float4 minusBlock(Float4 s, const float *M, const float *x) {
+    return s - (load4(M) * x[0] + load4(M + 4) * x[1] + load4(M + 8) * x[2] + load4(M + 12) * x[3]);
+}
+
+// Unknown offsets of the nine neighbour slots of a node on a grid of height h. The slot of the way back,
+// from the neighbour to the node, is 8 - slot.
 static void slotOffsets(int h, int64_t offset[kBlockSlots]) {
     for (int dc = -1; dc <= 1; ++dc)
         for (int dr = -1; dr <= 1; ++dr)
@@ -96,60 +106,47 @@ static void slotOffsets(int h, int64_t offset[kBlockSlots]) {
 }
 
 // y = K x (b null) or y = b - K x over the nodes [begin, end).
-static void multiplyRange(const BlockGrid *K, const double *x, double *y, const double *b, int64_t begin,
+static void multiplyRange(const BlockGrid *K, const float *x, float *y, const float *b, int64_t begin,
                           int64_t end) {
     int64_t offset[kBlockSlots];
     slotOffsets(K->height, offset);
     for (int64_t a = begin; a < end; ++a) {
-        double s[4] = {0, 0, 0, 0};
-        const double *xa = x + a * 4;
+        Float4 s = {0, 0, 0, 0};
+        const float *xa = x + a * 4;
         for (int slot = 0; slot < kBlockSlots; ++slot)
-            subtractBlock(blockAt(K, a, slot), xa + offset[slot], s);
-        double *ya = y + a * 4;
-        if (b)
-            for (int d = 0; d < 4; ++d)
-                ya[d] = b[a * 4 + d] + s[d];
-        else
-            for (int d = 0; d < 4; ++d)
-                ya[d] = -s[d];
+            s = minusBlock(s, blockAt(K, a, slot), xa + offset[slot]);
+        store4(y + a * 4, b ? load4(b + a * 4) + s : -s);
     }
 }
 
 void multiplyBlockGrid(const BlockGrid *K, const BlockVector *x, BlockVector *y) {
     parallelRange(blockNodes(K), kParallelGrain, [&](int64_t begin, int64_t end) {
-        multiplyRange(K, x->data, y->data, nullptr, begin, end);
+        multiplyRange(K, x->data(), y->data(), nullptr, begin, end);
     });
 }
 
 void residualBlockGrid(const BlockGrid *K, const BlockVector *b, const BlockVector *x, BlockVector *r) {
     parallelRange(blockNodes(K), kParallelGrain, [&](int64_t begin, int64_t end) {
-        multiplyRange(K, x->data, r->data, b->data, begin, end);
+        multiplyRange(K, x->data(), r->data(), b->data(), begin, end);
     });
 }
 
-// One block Gauss-Seidel step at each node of [from, to), ascending or descending. `Lower` reads only
-// the neighbours numbered below the node, the others being zero in a forward sweep from zero.
-template <bool Lower>
-static void relaxRange(const BlockGrid *K, const double *b, double *x, int64_t from, int64_t to,
+static inline Float4 applyInverse(const BlockGrid *K, int64_t a, Float4 s) {
+    const float *M = &K->inverse[size_t(a) * kBlockSize];
+    return load4(M) * s[0] + load4(M + 4) * s[1] + load4(M + 8) * s[2] + load4(M + 12) * s[3];
+}
+
+// One block Gauss-Seidel step at each node of [from, to), ascending or descending.
+static void relaxRange(const BlockGrid *K, const float *b, float *x, int64_t from, int64_t to,
                        bool ascending) {
     int64_t offset[kBlockSlots];
     slotOffsets(K->height, offset);
     auto relax = [&](int64_t a) {
-        double s[4];
-        for (int d = 0; d < 4; ++d)
-            s[d] = b[a * 4 + d];
-        const double *xa = x + a * 4;
-        for (int slot = 0; slot < kBlockSlots; ++slot) {
-            if (slot == kCentreSlot || (Lower && offset[slot] > 0)) continue;
-            subtractBlock(blockAt(K, a, slot), xa + offset[slot], s);
-        }
-        const float *M = &K->inverse[size_t(a) * kBlockSize];
-        double out[4] = {0, 0, 0, 0};
-        for (int c = 0; c < 4; ++c)
-            for (int r = 0; r < 4; ++r)
-                out[r] += double(M[c * 4 + r]) * s[c];
-        for (int d = 0; d < 4; ++d)
-            x[a * 4 + d] = out[d];
+        Float4 s = load4(b + a * 4);
+        const float *xa = x + a * 4;
+        for (int slot = 0; slot < kBlockSlots; ++slot)
+            if (slot != kCentreSlot) s = minusBlock(s, blockAt(K, a, slot), xa + offset[slot]);
+        store4(x + a * 4, applyInverse(K, a, s));
     };
     if (ascending)
         for (int64_t a = from; a < to; ++a)
@@ -159,37 +156,108 @@ static void relaxRange(const BlockGrid *K, const double *b, double *x, int64_t f
             relax(a);
 }
 
+// The forward sweep from zero over [from, to), with the residual formed on the way as for the pixel
+// grid: a node's own residual is what its update leaves, and each node subtracts K(q, a) x_a from the
+// residual of every neighbour q below it that was updated before it (q >= floor).
+static void relaxLowerWithResidual(const BlockGrid *K, const float *b, float *x, float *res, int64_t from,
+                                   int64_t to, int64_t floor) {
+    int64_t offset[kBlockSlots];
+    slotOffsets(K->height, offset);
+    const int64_t nodes = blockNodes(K);
+    for (int64_t a = from; a < to; ++a) {
+        Float4 s = load4(b + a * 4);
+        const float *xa = x + a * 4;
+        for (int slot = 0; slot < kBlockSlots; ++slot)
+            if (offset[slot] < 0) s = minusBlock(s, blockAt(K, a, slot), xa + offset[slot]);
+        const Float4 xn = applyInverse(K, a, s);
+        store4(x + a * 4, xn);
+        float xv[4];
+        store4(xv, xn);
+        store4(res + a * 4, minusBlock(s, blockAt(K, a, kCentreSlot), xv));
+        for (int slot = 0; slot < kBlockSlots; ++slot) {
+            const int64_t q = a + offset[slot] / kBlockDofs;
+            if (offset[slot] >= 0 || q < floor || q < 0 || q >= nodes) continue;
+            store4(res + q * 4, minusBlock(load4(res + q * 4), blockAt(K, q, 8 - slot), xv));
+        }
+    }
+}
+
+// The middle [lo, hi) of a split forward sweep from zero, after both outer parts: full updates, and
+// residual contributions to the neighbours below and to those above in the second part.
+static void relaxMiddleWithResidual(const BlockGrid *K, const float *b, float *x, float *res, int64_t lo,
+                                    int64_t hi) {
+    int64_t offset[kBlockSlots];
+    slotOffsets(K->height, offset);
+    const int64_t nodes = blockNodes(K);
+    for (int64_t a = lo; a < hi; ++a) {
+        Float4 s = load4(b + a * 4);
+        const float *xa = x + a * 4;
+        for (int slot = 0; slot < kBlockSlots; ++slot)
+            if (slot != kCentreSlot) s = minusBlock(s, blockAt(K, a, slot), xa + offset[slot]);
+        const Float4 xn = applyInverse(K, a, s);
+        store4(x + a * 4, xn);
+        float xv[4];
+        store4(xv, xn);
+        store4(res + a * 4, minusBlock(s, blockAt(K, a, kCentreSlot), xv));
+        for (int slot = 0; slot < kBlockSlots; ++slot) {
+            const int64_t q = a + offset[slot] / kBlockDofs;
+            if (slot == kCentreSlot || q < 0 || q >= nodes || (offset[slot] > 0 && q < hi)) continue;
+            store4(res + q * 4, minusBlock(load4(res + q * 4), blockAt(K, q, 8 - slot), xv));
+        }
+    }
+}
+
 // As for the pixel grid: [0, lo) and [hi, n) are further apart than any coupling, so two threads can
 // sweep them at once; [lo, hi) follows. The order is the same for every sweep of a level.
-void sweepBlockGrid(const BlockGrid *K, const BlockVector *bv, BlockVector *xv, bool forward,
-                    bool from_zero) {
+struct SweepOrder {
+    bool split;
+    int64_t lo, hi;
+};
+
+static SweepOrder sweepOrder(const BlockGrid *K) {
     const int64_t n = blockNodes(K);
-    const double *b = bv->data;
-    double *x = xv->data;
-    if (from_zero) std::fill(x, x + n * 4, 0.0);
-    const bool lower = from_zero && forward;
     const int64_t half = K->height + 2, mid = n / 2;
     const bool split = n >= 2 * kParallelGrain && mid - half > 0 && mid + half < n;
-    const int64_t lo = split ? mid - half : n, hi = split ? mid + half : n;
-    auto part = [&](int64_t from, int64_t to, bool lower_only) {
-        if (lower_only)
-            relaxRange<true>(K, b, x, from, to, forward);
-        else
-            relaxRange<false>(K, b, x, from, to, forward);
-    };
+    return {split, split ? mid - half : n, split ? mid + half : n};
+}
+
+void sweepBlockGrid(const BlockGrid *K, const BlockVector *bv, BlockVector *xv, bool forward) {
+    const int64_t n = blockNodes(K);
+    const SweepOrder o = sweepOrder(K);
+    const float *b = bv->data();
+    float *x = xv->data();
     if (forward) {
-        if (split)
-            parallelTwo([&] { part(0, lo, lower); }, [&] { part(hi, n, lower); });
+        if (o.split)
+            parallelTwo([&] { relaxRange(K, b, x, 0, o.lo, true); },
+                        [&] { relaxRange(K, b, x, o.hi, n, true); });
         else
-            part(0, n, lower);
-        part(lo, hi, false);
+            relaxRange(K, b, x, 0, n, true);
+        relaxRange(K, b, x, o.lo, o.hi, true);
     } else {
-        part(lo, hi, false);
-        if (split)
-            parallelTwo([&] { part(0, lo, false); }, [&] { part(hi, n, false); });
+        relaxRange(K, b, x, o.lo, o.hi, false);
+        if (o.split)
+            parallelTwo([&] { relaxRange(K, b, x, 0, o.lo, false); },
+                        [&] { relaxRange(K, b, x, o.hi, n, false); });
         else
-            part(0, n, false);
+            relaxRange(K, b, x, 0, n, false);
     }
+}
+
+void sweepBlockGridWithResidual(const BlockGrid *K, const BlockVector *bv, BlockVector *xv, BlockVector *rv) {
+    const int64_t n = blockNodes(K);
+    const SweepOrder o = sweepOrder(K);
+    const float *b = bv->data();
+    float *x = xv->data(), *res = rv->data();
+    // Every node is written before it is read, except the middle, which the second part reads as the
+    // zeros it still holds in the sweep order.
+    std::fill(x + o.lo * 4, x + o.hi * 4, 0.0f);
+    if (!o.split) {
+        relaxLowerWithResidual(K, b, x, res, 0, n, 0);
+        return;
+    }
+    parallelTwo([&] { relaxLowerWithResidual(K, b, x, res, 0, o.lo, 0); },
+                [&] { relaxLowerWithResidual(K, b, x, res, o.hi, n, o.hi); });
+    relaxMiddleWithResidual(K, b, x, res, o.lo, o.hi);
 }
 
 void factorBanded(BlockFactor *F, const std::vector<double> &scale) {

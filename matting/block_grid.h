@@ -27,11 +27,14 @@ struct BlockGrid {
     std::vector<float> inverse; // [node][column][row] pseudo-inverse of the diagonal block
 };
 
-// A vector of unknowns on a node grid, with a zero margin of height + 1 nodes on both sides.
+// A vector of unknowns on a node grid, in single precision like the blocks, with a zero margin of
+// height + 1 nodes on both sides.
 struct BlockVector {
-    std::vector<double> storage;
-    double *data = nullptr; // first unknown of node 0
-    int64_t size = 0;       // unknowns, nodes * kBlockDofs
+    std::vector<float> storage;
+    int64_t margin = 0; // unknowns before the first one of node 0
+    int64_t size = 0;   // unknowns, nodes * kBlockDofs
+    float *data() { return storage.data() + margin; }
+    const float *data() const { return storage.data() + margin; }
 };
 
 // initBlockGrid: all-zero matrix on a height x width node grid (inverse left empty).
@@ -65,9 +68,12 @@ void residualBlockGrid(const BlockGrid *K, const BlockVector *b, const BlockVect
 
 // sweepBlockGrid: one block Gauss-Seidel sweep for K x = b, forward or backward; the backward sweep
 // visits the nodes in exactly the reverse order of the forward one, so a forward sweep before and a
-// backward sweep after a coarse correction make a symmetric cycle. With `from_zero` (forward only) x is
-// set to zero first and nodes not yet visited are not read. Requires invertBlockDiagonal.
-void sweepBlockGrid(const BlockGrid *K, const BlockVector *b, BlockVector *x, bool forward, bool from_zero);
+// backward sweep after a coarse correction make a symmetric cycle. Requires invertBlockDiagonal.
+void sweepBlockGrid(const BlockGrid *K, const BlockVector *b, BlockVector *x, bool forward);
+
+// sweepBlockGridWithResidual: the forward sweep from x = 0, and the residual r = b - K x it leaves,
+// formed in the same pass. x and r are outputs.
+void sweepBlockGridWithResidual(const BlockGrid *K, const BlockVector *b, BlockVector *x, BlockVector *r);
 
 // BlockFactor: banded Cholesky factor of a small symmetric matrix, for the coarsest level.
 struct BlockFactor {

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cmath>
 #include <cstdio>
+#include <functional>
 #include <new>
 #include <vector>
 
@@ -14,6 +15,20 @@ static constexpr int64_t kParallelGrain = 1 << 15;
 
 static double secondsSince(std::chrono::steady_clock::time_point start) {
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+// Two sums over [0, n) in one pass, in fixed pieces added in a fixed order.
+static void parallelPair(int64_t n, const std::function<void(int64_t, int64_t, double *)> &body,
+                         double *first, double *second) {
+    constexpr int kPieces = 16;
+    const int pieces = n < kParallelGrain ? 1 : kPieces;
+    double part[kPieces][2] = {};
+    parallelTasks(pieces, [&](int k) { body(n * k / pieces, n * (k + 1) / pieces, part[k]); });
+    *first = *second = 0.0;
+    for (int k = 0; k < pieces; ++k) {
+        *first += part[k][0];
+        *second += part[k][1];
+    }
 }
 
 static double dot(const double *a, const double *b, int64_t n) {
@@ -83,6 +98,7 @@ static int iterate(const GridSystem *system, double *x, const SolverOptions &opt
     auto solve_start = std::chrono::steady_clock::now();
     double rnorm = std::sqrt(trueResidual(A, b, x, r.data()));
     bool restart = true;
+    double pq_previous = 0.0;
     int it = 0;
     int status = SOLVE_OK;
     for (;;) {
@@ -97,7 +113,17 @@ static int iterate(const GridSystem *system, double *x, const SolverOptions &opt
             break;
         }
         applyMultigrid(&mg, r.data(), z.data());
-        const double rz = dot(r.data(), z.data(), n);
+        // r.z, and z.Ap of the previous direction, in one pass.
+        double rz = 0.0, zq = 0.0;
+        parallelPair(
+            n,
+            [&](int64_t begin, int64_t end, double *sums) {
+                for (int64_t i = begin; i < end; ++i) {
+                    sums[0] += r[i] * z[i];
+                    sums[1] += z[i] * q[i];
+                }
+            },
+            &rz, &zq);
         if (!(rz > 0.0)) {
             status =
                 fail(report, SOLVE_NOT_POSITIVE_DEFINITE,
@@ -106,15 +132,15 @@ static int iterate(const GridSystem *system, double *x, const SolverOptions &opt
                      it);
             break;
         }
-        double beta = 0.0;
-        if (!restart) {
-            const double pq = dot(p.data(), q.data(), n);
-            beta = dot(z.data(), q.data(), n) / pq;
-        }
+        const double beta = restart ? 0.0 : zq / pq_previous;
         restart = false;
-        parallelRange(n, kParallelGrain, [&](int64_t begin, int64_t end) {
-            for (int64_t i = begin; i < end; ++i)
+        const double pr = parallelSum(n, kParallelGrain, [&](int64_t begin, int64_t end) {
+            double s = 0.0;
+            for (int64_t i = begin; i < end; ++i) {
                 p[i] = z[i] - beta * p[i];
+                s += p[i] * r[i];
+            }
+            return s;
         });
         const double curvature = parallelSum(n, kParallelGrain, [&](int64_t begin, int64_t end) {
             multiplyGridMatrixRange(A, p.data(), q.data(), begin, end);
@@ -131,7 +157,8 @@ static int iterate(const GridSystem *system, double *x, const SolverOptions &opt
                           it);
             break;
         }
-        const double alpha = dot(p.data(), r.data(), n) / curvature;
+        pq_previous = curvature;
+        const double alpha = pr / curvature;
         const double rr = parallelSum(n, kParallelGrain, [&](int64_t begin, int64_t end) {
             double s = 0.0;
             for (int64_t i = begin; i < end; ++i) {

@@ -148,17 +148,27 @@ static void relaxRange(const GridMatrix *A, const double *inv_diag, const double
             relax(p);
 }
 
+// [0, lo) and [hi, n) are further apart than any coupling: two threads sweep them at once and the
+// middle [lo, hi) comes last in the order (first when sweeping backward).
+struct SweepOrder {
+    bool split;
+    int64_t lo, hi;
+};
+
+static SweepOrder sweepOrder(const GridMatrix *A) {
+    const int64_t n = gridPixels(A);
+    const int64_t reach = A->band_shift.empty() ? 0 : A->band_shift.back();
+    const int64_t half = reach / 2 + 1, mid = n / 2;
+    const bool split = n >= 2 * kParallelGrain && mid - half > 0 && mid + half < n;
+    return {split, split ? mid - half : n, split ? mid + half : n};
+}
+
 void sweepGridMatrix(const GridMatrix *A, const double *inv_diag, const double *b, double *x, bool forward,
                      bool from_zero) {
     const int64_t n = gridPixels(A);
     if (from_zero) std::fill(x, x + n, 0.0);
     const bool lower = from_zero && forward;
-    const int64_t reach = A->band_shift.empty() ? 0 : A->band_shift.back();
-    const int64_t half = reach / 2 + 1, mid = n / 2;
-    // [0, lo) and [hi, n) are further apart than any coupling: two threads sweep them at once and the
-    // middle [lo, hi) comes last in the order (first when sweeping backward).
-    const bool split = n >= 2 * kParallelGrain && mid - half > 0 && mid + half < n;
-    const int64_t lo = split ? mid - half : n, hi = split ? mid + half : n;
+    const SweepOrder o = sweepOrder(A);
     auto part = [&](int64_t from, int64_t to, bool lower_only) {
         if (lower_only)
             relaxRange<true>(A, inv_diag, b, x, from, to, forward);
@@ -166,18 +176,102 @@ void sweepGridMatrix(const GridMatrix *A, const double *inv_diag, const double *
             relaxRange<false>(A, inv_diag, b, x, from, to, forward);
     };
     if (forward) {
-        if (split)
-            parallelTwo([&] { part(0, lo, lower); }, [&] { part(hi, n, lower); });
+        if (o.split)
+            parallelTwo([&] { part(0, o.lo, lower); }, [&] { part(o.hi, n, lower); });
         else
             part(0, n, lower);
-        part(lo, hi, false);
+        part(o.lo, o.hi, false);
     } else {
-        part(lo, hi, false);
-        if (split)
-            parallelTwo([&] { part(0, lo, false); }, [&] { part(hi, n, false); });
+        part(o.lo, o.hi, false);
+        if (o.split)
+            parallelTwo([&] { part(0, o.lo, false); }, [&] { part(o.hi, n, false); });
         else
             part(0, n, false);
     }
+}
+
+// The forward sweep from zero over [from, to), where every neighbour numbered above p is still zero,
+// with the residual formed on the way: p's own residual is what its update leaves, and each pixel adds
+// -A(q, p) x[p] to the residual of every neighbour q below it that was updated before it in the sweep
+// order (q >= floor). The coupling values are read once for both.
+static void relaxLowerWithResidual(const GridMatrix *A, const double *inv_diag, const double *b, double *x,
+                                   double *res, int64_t from, int64_t to, int64_t floor) {
+    const int64_t n = gridPixels(A);
+    const int nb = int(A->band_shift.size());
+    std::vector<const double *> band(nb);
+    std::vector<int64_t> shift(nb);
+    std::vector<double> value(nb);
+    for (int k = 0; k < nb; ++k) {
+        band[k] = A->bands.data() + k * n;
+        shift[k] = A->band_shift[k];
+    }
+    const int64_t reach = nb ? shift[nb - 1] : 0;
+    for (int64_t p = from; p < to; ++p) {
+        double s = b[p];
+        if (p - reach >= floor) {
+            for (int k = 0; k < nb; ++k) {
+                value[k] = band[k][p - shift[k]];
+                s -= value[k] * x[p - shift[k]];
+            }
+            const double xp = s * inv_diag[p];
+            x[p] = xp;
+            res[p] = s - A->diag[p] * xp;
+            for (int k = 0; k < nb; ++k)
+                res[p - shift[k]] -= value[k] * xp;
+        } else {
+            for (int k = 0; k < nb; ++k)
+                if (p - shift[k] >= 0) s -= band[k][p - shift[k]] * x[p - shift[k]];
+            const double xp = s * inv_diag[p];
+            x[p] = xp;
+            res[p] = s - A->diag[p] * xp;
+            for (int k = 0; k < nb; ++k)
+                if (p - shift[k] >= floor && p - shift[k] >= 0)
+                    res[p - shift[k]] -= band[k][p - shift[k]] * xp;
+        }
+    }
+}
+
+// The same for the middle [lo, hi) of a split sweep, which comes after both outer parts: its pixels
+// read every neighbour, and add to the residual of all neighbours below them and of those above them
+// in the second part, all of which came earlier in the order.
+static void relaxMiddleWithResidual(const GridMatrix *A, const double *inv_diag, const double *b, double *x,
+                                    double *res, int64_t lo, int64_t hi) {
+    const int64_t n = gridPixels(A);
+    const size_t nb = A->band_shift.size();
+    for (int64_t p = lo; p < hi; ++p) {
+        double s = b[p];
+        for (size_t k = 0; k < nb; ++k) {
+            const int64_t sh = A->band_shift[k];
+            const double *band = A->bands.data() + k * n;
+            if (p + sh < n) s -= band[p] * x[p + sh];
+            if (p - sh >= 0) s -= band[p - sh] * x[p - sh];
+        }
+        const double xp = s * inv_diag[p];
+        x[p] = xp;
+        res[p] = s - A->diag[p] * xp;
+        for (size_t k = 0; k < nb; ++k) {
+            const int64_t sh = A->band_shift[k];
+            const double *band = A->bands.data() + k * n;
+            if (p - sh >= 0) res[p - sh] -= band[p - sh] * xp;
+            if (p + sh < n && p + sh >= hi) res[p + sh] -= band[p] * xp;
+        }
+    }
+}
+
+void sweepGridMatrixWithResidual(const GridMatrix *A, const double *inv_diag, const double *b, double *x,
+                                 double *res) {
+    const int64_t n = gridPixels(A);
+    const SweepOrder o = sweepOrder(A);
+    // Each pixel is written before anything reads it, except the middle, which the second part reads
+    // (as the zeros it still holds in the sweep order).
+    std::fill(x + o.lo, x + o.hi, 0.0);
+    if (!o.split) {
+        relaxLowerWithResidual(A, inv_diag, b, x, res, 0, n, 0);
+        return;
+    }
+    parallelTwo([&] { relaxLowerWithResidual(A, inv_diag, b, x, res, 0, o.lo, 0); },
+                [&] { relaxLowerWithResidual(A, inv_diag, b, x, res, o.hi, n, o.hi); });
+    relaxMiddleWithResidual(A, inv_diag, b, x, res, o.lo, o.hi);
 }
 
 // Planes in order of descending shift, so that the rows q - shift of one column come out ascending.

@@ -81,6 +81,14 @@ void multiplyGridMatrixRange(const GridMatrix *A, const double *x, double *y, in
 void sweepGridMatrix(const GridMatrix *A, const double *inv_diag, const double *b, double *x, bool forward,
                      bool from_zero);
 
+// sweepGridMatrixWithResidual: the forward sweep from zero of sweepGridMatrix, and the residual it
+// leaves, res = b - A x, formed during the same pass over the matrix.
+//   inv_diag, b  input: as sweepGridMatrix
+//   x            output
+//   res          output: n values, must not overlap b or x
+void sweepGridMatrixWithResidual(const GridMatrix *A, const double *inv_diag, const double *b, double *x,
+                                 double *res);
+
 // gridMatrixToUpperColumns: the upper triangle of A in compressed-column form, row indices ascending in
 // every column, the diagonal last; elements equal to 0.0 are left out, the diagonal included.
 //   A       input

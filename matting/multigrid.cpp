@@ -11,6 +11,9 @@
 static constexpr int64_t kDirectPixels = 2048;
 static constexpr int64_t kDirectNodes = 256;
 static constexpr int64_t kParallelGrain = 1 << 10; // aggregates or nodes
+// Nodes of a coarse level merged per side into one node of the next: 3 or 4 make the next level cheaper
+// but so much weaker that the iteration needs twice as many steps.
+static constexpr int G = 2;
 
 struct MultigridLevel {
     BlockGrid K;
@@ -224,22 +227,22 @@ void buildFirstLevel(Multigrid *mg, const float *colour, int channels, Multigrid
 void buildNextLevel(MultigridLevel *fine, MultigridLevel *coarse) {
     const BlockGrid *K = &fine->K;
     const int h = K->height, w = K->width;
-    const int ch = (h + 1) / 2, cw = (w + 1) / 2;
+    const int ch = (h + G - 1) / G, cw = (w + G - 1) / G;
     const int64_t nc = int64_t(ch) * cw;
     fine->transfer.assign(size_t(blockNodes(K)) * kBlockSize, 0.0);
     coarse->candidates.assign(size_t(nc) * kBlockSize, 0.0);
     parallelRange(nc, kParallelGrain, [&](int64_t begin, int64_t end) {
         for (int64_t A = begin; A < end; ++A) {
             const int I = int(A % ch), J = int(A / ch);
-            int64_t members[4];
+            int64_t members[16];
             int count = 0;
-            for (int v = 0; v < 2; ++v)
-                for (int u = 0; u < 2; ++u) {
-                    const int i = 2 * I + u, j = 2 * J + v;
+            for (int v = 0; v < G; ++v)
+                for (int u = 0; u < G; ++u) {
+                    const int i = G * I + u, j = G * J + v;
                     if (i < h && j < w) members[count++] = i + int64_t(j) * h;
                 }
             const int rows = count * 4;
-            double Mx[16][4];
+            double Mx[64][4];
             for (int m = 0; m < count; ++m)
                 for (int d = 0; d < 4; ++d)
                     for (int c = 0; c < 4; ++c)
@@ -286,9 +289,9 @@ void buildNextLevel(MultigridLevel *fine, MultigridLevel *coarse) {
         for (int64_t A = begin; A < end; ++A) {
             const int I = int(A % ch), J = int(A / ch);
             double acc[kBlockSlots][kBlockSize] = {};
-            for (int v = 0; v < 2; ++v)
-                for (int u = 0; u < 2; ++u) {
-                    const int i = 2 * I + u, j = 2 * J + v;
+            for (int v = 0; v < G; ++v)
+                for (int u = 0; u < G; ++u) {
+                    const int i = G * I + u, j = G * J + v;
                     if (i >= h || j >= w) continue;
                     const int64_t a = i + int64_t(j) * h;
                     const double *Qa = &fine->transfer[size_t(a) * 16];
@@ -296,7 +299,7 @@ void buildNextLevel(MultigridLevel *fine, MultigridLevel *coarse) {
                         for (int dr = -1; dr <= 1; ++dr) {
                             const int bi = i + dr, bj = j + dc;
                             if (bi < 0 || bi >= h || bj < 0 || bj >= w) continue;
-                            const int slot = blockSlot(bi / 2 - I, bj / 2 - J);
+                            const int slot = blockSlot(bi / G - I, bj / G - J);
                             const int64_t b = bi + int64_t(bj) * h;
                             const float *Kab = blockAt(K, a, blockSlot(dr, dc)); // by columns
                             const double *Qb = &fine->transfer[size_t(b) * 16];
@@ -326,7 +329,7 @@ void allocateWork(MultigridLevel *L) {
         initBlockVector(v, &L->K);
 }
 
-double dot(const double *a, const double *b, int64_t n) {
+double dot(const float *a, const float *b, int64_t n) {
     return parallelSum(n, 1 << 15, [&](int64_t begin, int64_t end) {
         double s = 0.0;
         for (int64_t i = begin; i < end; ++i)
@@ -342,17 +345,16 @@ void cycleLevel(Multigrid *mg, size_t l, const BlockVector *b, BlockVector *x) {
     MultigridLevel *L = mg->levels[l].get();
     MultigridLevel *C = mg->levels[l + 1].get();
     const BlockGrid *K = &L->K;
-    sweepBlockGrid(K, b, x, true, true);
-    residualBlockGrid(K, b, x, &L->res);
+    sweepBlockGridWithResidual(K, b, x, &L->res);
     const int h = K->height, w = K->width, ch = C->K.height;
-    const double *res = L->res.data;
+    const float *res = L->res.data();
     parallelRange(blockNodes(&C->K), kParallelGrain, [&](int64_t begin, int64_t end) {
         for (int64_t A = begin; A < end; ++A) {
             const int I = int(A % ch), J = int(A / ch);
             double s[4] = {0, 0, 0, 0};
-            for (int v = 0; v < 2; ++v)
-                for (int u = 0; u < 2; ++u) {
-                    const int i = 2 * I + u, j = 2 * J + v;
+            for (int v = 0; v < G; ++v)
+                for (int u = 0; u < G; ++u) {
+                    const int i = G * I + u, j = G * J + v;
                     if (i >= h || j >= w) continue;
                     const int64_t a = i + int64_t(j) * h;
                     const double *Q = &L->transfer[size_t(a) * 16];
@@ -361,21 +363,21 @@ void cycleLevel(Multigrid *mg, size_t l, const BlockVector *b, BlockVector *x) {
                             s[c] += Q[d * 4 + c] * res[a * 4 + d];
                 }
             for (int c = 0; c < 4; ++c)
-                C->rhs.data[A * 4 + c] = s[c];
+                C->rhs.data()[A * 4 + c] = float(s[c]);
         }
     });
     solveLevel(mg, l + 1);
-    const double *sol = C->sol.data;
+    const float *sol = C->sol.data();
     parallelRange(blockNodes(K), kParallelGrain, [&](int64_t begin, int64_t end) {
         for (int64_t a = begin; a < end; ++a) {
-            const int64_t A = (a % h) / 2 + ((a / h) / 2) * int64_t(ch);
+            const int64_t A = (a % h) / G + ((a / h) / G) * int64_t(ch);
             const double *Q = &L->transfer[size_t(a) * 16];
             for (int d = 0; d < 4; ++d)
                 for (int c = 0; c < 4; ++c)
-                    x->data[a * 4 + d] += Q[d * 4 + c] * sol[A * 4 + c];
+                    x->data()[a * 4 + d] += Q[d * 4 + c] * sol[A * 4 + c];
         }
     });
-    sweepBlockGrid(K, b, x, false, false);
+    sweepBlockGrid(K, b, x, false);
 }
 
 // Approximate solution of level l's problem (rhs -> sol): the direct solve on the last level,
@@ -383,14 +385,17 @@ void cycleLevel(Multigrid *mg, size_t l, const BlockVector *b, BlockVector *x) {
 void solveLevel(Multigrid *mg, size_t l) {
     MultigridLevel *L = mg->levels[l].get();
     const int64_t n = L->rhs.size;
-    double *x = L->sol.data;
-    const double *rhs = L->rhs.data;
+    float *x = L->sol.data();
+    const float *rhs = L->rhs.data();
     if (l + 1 == mg->levels.size()) {
-        solveBlockFactor(&mg->coarsest, rhs, x);
+        std::vector<double> &work = mg->coarse_work;
+        work.assign(rhs, rhs + n);
+        solveBlockFactor(&mg->coarsest, work.data(), work.data());
+        std::copy(work.begin(), work.end(), x);
         return;
     }
     const BlockGrid *K = &L->K;
-    double *p1 = L->p1.data, *q1 = L->q1.data, *p2 = L->p2.data, *q2 = L->q2.data, *r = L->r.data;
+    float *p1 = L->p1.data(), *q1 = L->q1.data(), *p2 = L->p2.data(), *q2 = L->q2.data(), *r = L->r.data();
     cycleLevel(mg, l, &L->rhs, &L->p1);
     multiplyBlockGrid(K, &L->p1, &L->q1);
     const double pq1 = dot(p1, q1, n);
@@ -400,13 +405,13 @@ void solveLevel(Multigrid *mg, size_t l) {
     }
     const double alpha1 = dot(p1, rhs, n) / pq1;
     for (int64_t i = 0; i < n; ++i) {
-        x[i] = alpha1 * p1[i];
-        r[i] = rhs[i] - alpha1 * q1[i];
+        x[i] = float(alpha1) * p1[i];
+        r[i] = rhs[i] - float(alpha1) * q1[i];
     }
     cycleLevel(mg, l, &L->r, &L->p2);
     multiplyBlockGrid(K, &L->p2, &L->q2);
     // Make the second direction conjugate to the first.
-    const double beta = dot(p2, q1, n) / pq1;
+    const float beta = float(dot(p2, q1, n) / pq1);
     for (int64_t i = 0; i < n; ++i) {
         p2[i] -= beta * p1[i];
         q2[i] -= beta * q1[i];
@@ -415,7 +420,7 @@ void solveLevel(Multigrid *mg, size_t l) {
     if (!(pq2 > 0.0)) return;
     const double alpha2 = dot(p2, r, n) / pq2;
     for (int64_t i = 0; i < n; ++i)
-        x[i] += alpha2 * p2[i];
+        x[i] += float(alpha2) * p2[i];
 }
 
 } // namespace
@@ -474,18 +479,12 @@ void buildMultigrid(const GridMatrix *A, const float *colour, int channels, Mult
 
 void applyMultigrid(Multigrid *mg, const double *r, double *z) {
     const GridMatrix *A = mg->A;
-    const int64_t n = gridPixels(A);
     if (mg->levels.empty()) {
         solveBlockFactor(&mg->coarsest, r, z);
         return;
     }
-    sweepGridMatrix(A, mg->inv_diag.data(), r, z, true, true);
     double *res = mg->residual.data();
-    parallelRange(n, 1 << 15, [&](int64_t begin, int64_t end) {
-        multiplyGridMatrixRange(A, z, res, begin, end);
-        for (int64_t p = begin; p < end; ++p)
-            res[p] = r[p] - res[p];
-    });
+    sweepGridMatrixWithResidual(A, mg->inv_diag.data(), r, z, res);
     MultigridLevel *L1 = mg->levels[0].get();
     const int H = A->height, W = A->width, S = mg->aggregate, ah = L1->K.height;
     const int64_t na = blockNodes(&L1->K);
@@ -502,7 +501,7 @@ void applyMultigrid(Multigrid *mg, const double *r, double *z) {
                         s[d] += q[d] * res[p];
                 }
             for (int d = 0; d < 4; ++d)
-                L1->rhs.data[a * 4 + d] = s[d];
+                L1->rhs.data()[a * 4 + d] = float(s[d]);
         }
     });
     solveLevel(mg, 0);
@@ -510,7 +509,7 @@ void applyMultigrid(Multigrid *mg, const double *r, double *z) {
         for (int64_t a = begin; a < end; ++a) {
             const int I = int(a % ah), J = int(a / ah);
             const int i0 = I * S, i1 = std::min(H, i0 + S), j0 = J * S, j1 = std::min(W, j0 + S);
-            const double *c = &L1->sol.data[a * 4];
+            const float *c = &L1->sol.data()[a * 4];
             for (int j = j0; j < j1; ++j)
                 for (int i = i0; i < i1; ++i) {
                     const int64_t p = i + int64_t(j) * H;

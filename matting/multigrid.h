@@ -28,6 +28,7 @@ struct Multigrid {
     std::vector<double> residual;                        // fine work vector
     std::vector<std::unique_ptr<MultigridLevel>> levels; // coarse levels, finest first
     BlockFactor coarsest; // factor of the last coarse level, or of A itself when there is none
+    std::vector<double> coarse_work;
     Multigrid();
     ~Multigrid();
 };

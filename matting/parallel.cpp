@@ -1,29 +1,138 @@
-// Splits the engine's long loops over the machine's two cores.
+// Splits the engine's long loops over the calling thread and one persistent helper thread.
 #include "matting/parallel.h"
 
+#include <algorithm>
+#include <atomic>
+#include <condition_variable>
+#include <mutex>
 #include <thread>
+#include <vector>
+
+namespace {
+
+constexpr int kMaxPieces = 16;
+
+// Tasks that the caller and the helper claim one at a time.
+struct Batch {
+    const std::function<void(int)> *task = nullptr;
+    int count = 0;
+    std::atomic<int> next{0};
+};
+
+void work(Batch *batch) {
+    for (int k = batch->next.fetch_add(1); k < batch->count; k = batch->next.fetch_add(1))
+        (*batch->task)(k);
+}
+
+// The helper thread. It sleeps until a batch is offered, works on it until no task is left, and reports
+// that it has let go of it. A batch it never picked up is simply withdrawn.
+class Helper {
+  public:
+    static Helper &instance() {
+        static Helper helper;
+        return helper;
+    }
+
+    // Offers a batch; false when the helper is already engaged (a second caller, or a call from inside
+    // a task), in which case the caller runs the batch alone.
+    bool offer(Batch *batch) {
+        if (std::this_thread::get_id() == thread_.get_id()) return false;
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (engaged_) return false;
+        engaged_ = true;
+        batch_ = batch;
+        wake_.notify_one();
+        return true;
+    }
+
+    // Returns once the helper holds no reference to the offered batch.
+    void withdraw() {
+        std::unique_lock<std::mutex> lock(mutex_);
+        batch_ = nullptr;
+        idle_.wait(lock, [this] { return !busy_; });
+        engaged_ = false;
+    }
+
+  private:
+    Helper() : thread_([this] { run(); }) {}
+
+    ~Helper() {
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            quit_ = true;
+        }
+        wake_.notify_one();
+        thread_.join();
+    }
+
+    void run() {
+        std::unique_lock<std::mutex> lock(mutex_);
+        for (;;) {
+            wake_.wait(lock, [this] { return quit_ || batch_; });
+            if (quit_) return;
+            Batch *batch = batch_;
+            batch_ = nullptr;
+            busy_ = true;
+            lock.unlock();
+            work(batch);
+            lock.lock();
+            busy_ = false;
+            idle_.notify_all();
+        }
+    }
+
+    std::mutex mutex_;
+    std::condition_variable wake_, idle_;
+    Batch *batch_ = nullptr;
+    bool engaged_ = false, busy_ = false, quit_ = false;
+    std::thread thread_; // last, so that it starts after everything it uses
+};
+
+int piecesFor(int64_t n, int64_t grain) {
+    if (n < grain || n < 2) return 1;
+    const int64_t least = std::max<int64_t>(grain / 4, 1);
+    return int(std::clamp<int64_t>(n / least, 2, kMaxPieces));
+}
+
+} // namespace
+
+void parallelTasks(int count, const std::function<void(int)> &task) {
+    if (count <= 0) return;
+    if (count == 1) {
+        task(0);
+        return;
+    }
+    Batch batch;
+    batch.task = &task;
+    batch.count = count;
+    Helper &helper = Helper::instance();
+    const bool shared = helper.offer(&batch);
+    work(&batch);
+    if (shared) helper.withdraw();
+}
 
 void parallelTwo(const std::function<void()> &first, const std::function<void()> &second) {
-    std::thread helper(second);
-    first();
-    helper.join();
+    parallelTasks(2, [&](int k) { k == 0 ? first() : second(); });
 }
 
 void parallelRange(int64_t n, int64_t grain, const std::function<void(int64_t, int64_t)> &body) {
     if (n <= 0) return;
-    if (n < grain || n < 2) {
+    const int pieces = piecesFor(n, grain);
+    if (pieces == 1) {
         body(0, n);
         return;
     }
-    const int64_t mid = n / 2;
-    parallelTwo([&] { body(0, mid); }, [&] { body(mid, n); });
+    parallelTasks(pieces, [&](int k) { body(n * k / pieces, n * (k + 1) / pieces); });
 }
 
 double parallelSum(int64_t n, int64_t grain, const std::function<double(int64_t, int64_t)> &body) {
     if (n <= 0) return 0.0;
-    if (n < grain || n < 2) return body(0, n);
-    const int64_t mid = n / 2;
-    double first = 0.0, second = 0.0;
-    parallelTwo([&] { first = body(0, mid); }, [&] { second = body(mid, n); });
-    return first + second;
+    const int pieces = piecesFor(n, grain);
+    if (pieces == 1) return body(0, n);
+    double part[kMaxPieces];
+    parallelTasks(pieces, [&](int k) { part[k] = body(n * k / pieces, n * (k + 1) / pieces); });
+    double total = 0.0;
+    for (int k = 0; k < pieces; ++k)
+        total += part[k];
+    return total;
 }

@@ -185,6 +185,25 @@ TEST(GridMatrix, SweepPairIsSymmetricOnBothCores) {
     EXPECT_NEAR(uSv, vSu, 1e-12 * scale);
 }
 
+TEST(GridMatrix, SweepWithResidualGivesTheSweepAndItsResidual) {
+    for (auto [H, W] : {std::pair{9, 11}, {260, 300}}) {
+        GridMatrix A = randomGridMatrix(H, W, 2, 53u + H);
+        const int64_t n = gridPixels(&A);
+        const std::vector<double> b = randomVector(n, 59u);
+        std::vector<double> inv(n), x(n), x2(n), res(n), Ax(n);
+        for (int64_t p = 0; p < n; ++p)
+            inv[p] = 1.0 / A.diag[p];
+        inv[n / 3] = 0.0; // a pixel the sweep leaves at 0 still has its residual
+        sweepGridMatrix(&A, inv.data(), b.data(), x.data(), true, true);
+        sweepGridMatrixWithResidual(&A, inv.data(), b.data(), x2.data(), res.data());
+        multiplyGridMatrix(&A, x.data(), Ax.data());
+        for (int64_t p = 0; p < n; ++p) {
+            ASSERT_EQ(x2[p], x[p]) << p;
+            ASSERT_NEAR(res[p], b[p] - Ax[p], 1e-12) << H << "x" << W << " pixel " << p;
+        }
+    }
+}
+
 TEST(GridMatrix, RepeatedSweepsSolveThePositiveDefiniteSystem) {
     GridMatrix A = randomGridMatrix(260, 300, 2, 43u);
     const int64_t n = gridPixels(&A);

@@ -74,7 +74,8 @@ TEST(Multigrid, CycleWithOneCoarseLevelIsSymmetricAndPositive) {
             uMu += u[p] * Mu[p];
             scale += std::fabs(u[p] * Mv[p]);
         }
-        EXPECT_NEAR(uMv, vMu, 1e-9 * scale);
+        // The coarse level works in single precision: symmetric to its rounding.
+        EXPECT_NEAR(uMv, vMu, 1e-6 * scale);
         EXPECT_GT(uMu, 0.0);
     }
 }
