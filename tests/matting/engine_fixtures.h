@@ -10,8 +10,8 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
+#include <initializer_list>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "numeric/arrays.h"
@@ -30,14 +30,10 @@ inline TIFF_img make_image(int H, int W, char type, unsigned seed) {
     TIFF_img img;
     get_TIFF(&img, H, W, type);
     for (int i = 0; i < H; i++)
-        for (int j = 0; j < W; j++) {
-            if (type == 'c') {
-                for (int ch = 0; ch < 3; ch++)
-                    img.color[ch][i][j] = noise(seed + 7919u * (i * W + j) + 31u * ch);
-            } else {
-                img.mono[i][j] = noise(seed + 7919u * (i * W + j));
-            }
-        }
+        for (int j = 0; j < W; j++)
+            for (int ch = 0; ch < (type == 'c' ? 3 : 1); ch++)
+                (type == 'c' ? img.color[ch][i][j] : img.mono[i][j]) =
+                    noise(seed + 7919u * (i * W + j) + 31u * ch);
     return img;
 }
 
@@ -56,23 +52,22 @@ inline double **make_map(int H, int W, double fill) {
     return m;
 }
 
-// Solves the dense N x N system M x = b (M row-major) by Gaussian elimination with partial pivoting.
+inline void free_maps(std::initializer_list<double **> maps) {
+    for (double **m : maps)
+        free_img((void **)m);
+}
+
+// Solves the dense N x N system M x = b (M row-major, symmetric positive definite) by Gaussian
+// elimination.
 inline std::vector<double> dense_solve(std::vector<double> M, std::vector<double> b) {
     const size_t N = b.size();
-    for (size_t c = 0; c < N; c++) {
-        size_t piv = c;
-        for (size_t r = c + 1; r < N; r++)
-            if (std::fabs(M[r * N + c]) > std::fabs(M[piv * N + c])) piv = r;
-        for (size_t k = 0; k < N; k++)
-            std::swap(M[c * N + k], M[piv * N + k]);
-        std::swap(b[c], b[piv]);
+    for (size_t c = 0; c < N; c++)
         for (size_t r = c + 1; r < N; r++) {
             const double f = M[r * N + c] / M[c * N + c];
             for (size_t k = c; k < N; k++)
                 M[r * N + k] -= f * M[c * N + k];
             b[r] -= f * b[c];
         }
-    }
     std::vector<double> x(N);
     for (size_t r = N; r-- > 0;) {
         double s = b[r];
@@ -86,19 +81,12 @@ inline std::vector<double> dense_solve(std::vector<double> M, std::vector<double
 // Runs each test in a fresh temporary folder, for the routines that write to the current directory.
 class InTempDir : public testing::Test {
   protected:
-    void SetUp() override {
-        char pattern[] = "/tmp/keldra_matting_XXXXXX";
-        ASSERT_NE(mkdtemp(pattern), nullptr);
-        folder_ = pattern;
-        ASSERT_NE(getcwd(previous_, sizeof previous_), nullptr);
-        ASSERT_EQ(chdir(folder_.c_str()), 0);
-    }
+    void SetUp() override { ASSERT_EQ(chdir(mkdtemp(folder_)), 0) << folder_; }
     void TearDown() override {
-        ASSERT_EQ(chdir(previous_), 0);
-        ASSERT_EQ(system(("rm -rf '" + folder_ + "'").c_str()), 0);
+        ASSERT_EQ(chdir("/tmp"), 0);
+        ASSERT_EQ(system(("rm -rf '" + std::string(folder_) + "'").c_str()), 0);
     }
-    std::string folder_;
-    char previous_[4096];
+    char folder_[32] = "/tmp/keldra_matting_XXXXXX";
 };
 
 #endif
