@@ -113,29 +113,82 @@ void multiplyGridMatrix(const GridMatrix *A, const double *x, double *y) {
 // One Gauss-Seidel step at each pixel of [begin, end) in the given direction. Pixels at least `reach`
 // away from both ends of the grid need no bounds tests; `Lower` leaves out the neighbours after p,
 // which are still zero in a forward sweep from zero.
-template <bool Lower>
-static void relaxRange(const GridMatrix *A, const double *inv_diag, const double *b, double *x, int64_t begin,
-                       int64_t end, bool forward) {
-    const int64_t n = gridPixels(A);
-    const int nb = int(A->band_shift.size());
-    std::vector<const double *> band(nb);
-    std::vector<int64_t> shift(nb);
-    for (int k = 0; k < nb; ++k) {
-        band[k] = A->bands.data() + k * n;
-        shift[k] = A->band_shift[k];
+// The planes a sweep reads: the matrix's own, or a single-precision copy of them.
+template <typename T> struct Planes {
+    const GridMatrix *shape;
+    const T *diag;
+    const T *bands;
+};
+
+// One Gauss-Seidel step at pixel p away from the ends of the grid (p - reach >= 0, p + reach < n).
+// Plane 0 couples p to p - 1 and p + 1, the pixels updated just before it: its terms come last, and the
+// others go into four independent sums, so that a pixel does not wait on a chain of dependent additions.
+// NB > 0 is the number of planes known at compile time (the loop unrolls and the sums stay in
+// registers); NB == 0 reads it at run time.
+template <typename T, int NB, bool Lower>
+static inline double interiorSum(const T *const *band, const int64_t *shift, int nb, const double *x,
+                                 int64_t p) {
+    const int count = NB > 0 ? NB : nb;
+    double a0 = 0.0, a1 = 0.0, a2 = 0.0, a3 = 0.0;
+#pragma GCC unroll 16
+    for (int k = 1; k < count; ++k) {
+        double t = double(band[k][p - shift[k]]) * x[p - shift[k]];
+        if (!Lower) t += double(band[k][p]) * x[p + shift[k]];
+        switch (k & 3) {
+        case 0:
+            a0 += t;
+            break;
+        case 1:
+            a1 += t;
+            break;
+        case 2:
+            a2 += t;
+            break;
+        default:
+            a3 += t;
+            break;
+        }
     }
-    const int64_t reach = nb ? shift[nb - 1] : 0;
+    double s = (a0 + a1) + (a2 + a3);
+    if (!Lower) s += double(band[0][p]) * x[p + shift[0]];
+    return s + double(band[0][p - shift[0]]) * x[p - shift[0]];
+}
+
+template <typename T> struct PlanePointers {
+    std::vector<const T *> band;
+    std::vector<int64_t> shift;
+    int64_t n, reach;
+    int nb;
+    explicit PlanePointers(const Planes<T> &P) {
+        const GridMatrix *A = P.shape;
+        n = gridPixels(A);
+        nb = int(A->band_shift.size());
+        for (int k = 0; k < nb; ++k) {
+            band.push_back(P.bands + k * n);
+            shift.push_back(A->band_shift[k]);
+        }
+        reach = nb ? shift[nb - 1] : 0;
+    }
+};
+
+// One Gauss-Seidel step at each pixel of [begin, end) in the given direction. `Lower` leaves out the
+// neighbours after p, which are still zero in a forward sweep from zero.
+template <typename T, int NB, bool Lower>
+static void relaxPixels(const Planes<T> &P, const double *inv_diag, const double *b, double *x, int64_t begin,
+                        int64_t end, bool forward) {
+    const PlanePointers<T> pp(P);
+    const int64_t n = pp.n, reach = pp.reach;
+    const int nb = pp.nb;
+    const T *const *band = pp.band.data();
+    const int64_t *shift = pp.shift.data();
     auto relax = [&](int64_t p) {
         double s = b[p];
-        if (p >= reach && p + reach < n) {
-            for (int k = 0; k < nb; ++k) {
-                if (!Lower) s -= band[k][p] * x[p + shift[k]];
-                s -= band[k][p - shift[k]] * x[p - shift[k]];
-            }
+        if (p >= reach && (Lower || p + reach < n) && nb > 0) {
+            s -= interiorSum<T, NB, Lower>(band, shift, nb, x, p);
         } else {
             for (int k = 0; k < nb; ++k) {
-                if (!Lower && p + shift[k] < n) s -= band[k][p] * x[p + shift[k]];
-                if (p - shift[k] >= 0) s -= band[k][p - shift[k]] * x[p - shift[k]];
+                if (!Lower && p + shift[k] < n) s -= double(band[k][p]) * x[p + shift[k]];
+                if (p - shift[k] >= 0) s -= double(band[k][p - shift[k]]) * x[p - shift[k]];
             }
         }
         x[p] = s * inv_diag[p];
@@ -146,6 +199,16 @@ static void relaxRange(const GridMatrix *A, const double *inv_diag, const double
     else
         for (int64_t p = end - 1; p >= begin; --p)
             relax(p);
+}
+
+// The radius-1 Laplacian (12 forward planes) gets the unrolled kernel, any other size the general one.
+template <typename T, bool Lower>
+static void relaxRange(const Planes<T> &P, const double *inv_diag, const double *b, double *x, int64_t begin,
+                       int64_t end, bool forward) {
+    if (P.shape->band_shift.size() == 12)
+        relaxPixels<T, 12, Lower>(P, inv_diag, b, x, begin, end, forward);
+    else
+        relaxPixels<T, 0, Lower>(P, inv_diag, b, x, begin, end, forward);
 }
 
 // [0, lo) and [hi, n) are further apart than any coupling: two threads sweep them at once and the
@@ -163,17 +226,18 @@ static SweepOrder sweepOrder(const GridMatrix *A) {
     return {split, split ? mid - half : n, split ? mid + half : n};
 }
 
-void sweepGridMatrix(const GridMatrix *A, const double *inv_diag, const double *b, double *x, bool forward,
-                     bool from_zero) {
-    const int64_t n = gridPixels(A);
+template <typename T>
+static void sweep(const Planes<T> &P, const double *inv_diag, const double *b, double *x, bool forward,
+                  bool from_zero) {
+    const int64_t n = gridPixels(P.shape);
     if (from_zero) std::fill(x, x + n, 0.0);
     const bool lower = from_zero && forward;
-    const SweepOrder o = sweepOrder(A);
+    const SweepOrder o = sweepOrder(P.shape);
     auto part = [&](int64_t from, int64_t to, bool lower_only) {
         if (lower_only)
-            relaxRange<true>(A, inv_diag, b, x, from, to, forward);
+            relaxRange<T, true>(P, inv_diag, b, x, from, to, forward);
         else
-            relaxRange<false>(A, inv_diag, b, x, from, to, forward);
+            relaxRange<T, false>(P, inv_diag, b, x, from, to, forward);
     };
     if (forward) {
         if (o.split)
@@ -194,84 +258,118 @@ void sweepGridMatrix(const GridMatrix *A, const double *inv_diag, const double *
 // with the residual formed on the way: p's own residual is what its update leaves, and each pixel adds
 // -A(q, p) x[p] to the residual of every neighbour q below it that was updated before it in the sweep
 // order (q >= floor). The coupling values are read once for both.
-static void relaxLowerWithResidual(const GridMatrix *A, const double *inv_diag, const double *b, double *x,
-                                   double *res, int64_t from, int64_t to, int64_t floor) {
-    const int64_t n = gridPixels(A);
-    const int nb = int(A->band_shift.size());
-    std::vector<const double *> band(nb);
-    std::vector<int64_t> shift(nb);
-    std::vector<double> value(nb);
-    for (int k = 0; k < nb; ++k) {
-        band[k] = A->bands.data() + k * n;
-        shift[k] = A->band_shift[k];
-    }
-    const int64_t reach = nb ? shift[nb - 1] : 0;
+template <typename T, int NB>
+static void relaxLowerWithResidualPixels(const Planes<T> &P, const double *inv_diag, const double *b,
+                                         double *x, double *res, int64_t from, int64_t to, int64_t floor) {
+    const PlanePointers<T> pp(P);
+    const int64_t reach = pp.reach;
+    const int nb = pp.nb;
+    const T *const *band = pp.band.data();
+    const int64_t *shift = pp.shift.data();
     for (int64_t p = from; p < to; ++p) {
         double s = b[p];
-        if (p - reach >= floor) {
-            for (int k = 0; k < nb; ++k) {
-                value[k] = band[k][p - shift[k]];
-                s -= value[k] * x[p - shift[k]];
-            }
+        if (p - reach >= floor && nb > 0) {
+            s -= interiorSum<T, NB, true>(band, shift, nb, x, p);
             const double xp = s * inv_diag[p];
             x[p] = xp;
-            res[p] = s - A->diag[p] * xp;
-            for (int k = 0; k < nb; ++k)
-                res[p - shift[k]] -= value[k] * xp;
+            res[p] = s - double(P.diag[p]) * xp;
+            const int count = NB > 0 ? NB : nb;
+#pragma GCC unroll 16
+            for (int k = 0; k < count; ++k)
+                res[p - shift[k]] -= double(band[k][p - shift[k]]) * xp;
         } else {
             for (int k = 0; k < nb; ++k)
-                if (p - shift[k] >= 0) s -= band[k][p - shift[k]] * x[p - shift[k]];
+                if (p - shift[k] >= 0) s -= double(band[k][p - shift[k]]) * x[p - shift[k]];
             const double xp = s * inv_diag[p];
             x[p] = xp;
-            res[p] = s - A->diag[p] * xp;
+            res[p] = s - double(P.diag[p]) * xp;
             for (int k = 0; k < nb; ++k)
                 if (p - shift[k] >= floor && p - shift[k] >= 0)
-                    res[p - shift[k]] -= band[k][p - shift[k]] * xp;
+                    res[p - shift[k]] -= double(band[k][p - shift[k]]) * xp;
         }
     }
+}
+
+template <typename T>
+static void relaxLowerWithResidual(const Planes<T> &P, const double *inv_diag, const double *b, double *x,
+                                   double *res, int64_t from, int64_t to, int64_t floor) {
+    if (P.shape->band_shift.size() == 12)
+        relaxLowerWithResidualPixels<T, 12>(P, inv_diag, b, x, res, from, to, floor);
+    else
+        relaxLowerWithResidualPixels<T, 0>(P, inv_diag, b, x, res, from, to, floor);
 }
 
 // The same for the middle [lo, hi) of a split sweep, which comes after both outer parts: its pixels
 // read every neighbour, and add to the residual of all neighbours below them and of those above them
 // in the second part, all of which came earlier in the order.
-static void relaxMiddleWithResidual(const GridMatrix *A, const double *inv_diag, const double *b, double *x,
+template <typename T>
+static void relaxMiddleWithResidual(const Planes<T> &P, const double *inv_diag, const double *b, double *x,
                                     double *res, int64_t lo, int64_t hi) {
-    const int64_t n = gridPixels(A);
-    const size_t nb = A->band_shift.size();
+    const PlanePointers<T> pp(P);
+    const int64_t n = pp.n;
     for (int64_t p = lo; p < hi; ++p) {
         double s = b[p];
-        for (size_t k = 0; k < nb; ++k) {
-            const int64_t sh = A->band_shift[k];
-            const double *band = A->bands.data() + k * n;
-            if (p + sh < n) s -= band[p] * x[p + sh];
-            if (p - sh >= 0) s -= band[p - sh] * x[p - sh];
+        for (int k = 0; k < pp.nb; ++k) {
+            const int64_t sh = pp.shift[k];
+            if (p + sh < n) s -= double(pp.band[k][p]) * x[p + sh];
+            if (p - sh >= 0) s -= double(pp.band[k][p - sh]) * x[p - sh];
         }
         const double xp = s * inv_diag[p];
         x[p] = xp;
-        res[p] = s - A->diag[p] * xp;
-        for (size_t k = 0; k < nb; ++k) {
-            const int64_t sh = A->band_shift[k];
-            const double *band = A->bands.data() + k * n;
-            if (p - sh >= 0) res[p - sh] -= band[p - sh] * xp;
-            if (p + sh < n && p + sh >= hi) res[p + sh] -= band[p] * xp;
+        res[p] = s - double(P.diag[p]) * xp;
+        for (int k = 0; k < pp.nb; ++k) {
+            const int64_t sh = pp.shift[k];
+            if (p - sh >= 0) res[p - sh] -= double(pp.band[k][p - sh]) * xp;
+            if (p + sh < n && p + sh >= hi) res[p + sh] -= double(pp.band[k][p]) * xp;
         }
     }
 }
 
-void sweepGridMatrixWithResidual(const GridMatrix *A, const double *inv_diag, const double *b, double *x,
-                                 double *res) {
-    const int64_t n = gridPixels(A);
-    const SweepOrder o = sweepOrder(A);
+template <typename T>
+static void sweepWithResidual(const Planes<T> &P, const double *inv_diag, const double *b, double *x,
+                              double *res) {
+    const int64_t n = gridPixels(P.shape);
+    const SweepOrder o = sweepOrder(P.shape);
     // Each pixel is written before anything reads it, except the middle, which the second part reads
     // (as the zeros it still holds in the sweep order).
     std::fill(x + o.lo, x + o.hi, 0.0);
     if (!o.split) {
-        relaxLowerWithResidual(A, inv_diag, b, x, res, 0, n, 0);
+        relaxLowerWithResidual(P, inv_diag, b, x, res, 0, n, 0);
         return;
     }
-    parallelTwo([&] { relaxLowerWithResidual(A, inv_diag, b, x, res, 0, o.lo, 0); },
-                [&] { relaxLowerWithResidual(A, inv_diag, b, x, res, o.hi, n, o.hi); });
-    relaxMiddleWithResidual(A, inv_diag, b, x, res, o.lo, o.hi);
+    parallelTwo([&] { relaxLowerWithResidual(P, inv_diag, b, x, res, 0, o.lo, 0); },
+                [&] { relaxLowerWithResidual(P, inv_diag, b, x, res, o.hi, n, o.hi); });
+    relaxMiddleWithResidual(P, inv_diag, b, x, res, o.lo, o.hi);
+}
+
+void sweepGridMatrix(const GridMatrix *A, const double *inv_diag, const double *b, double *x, bool forward,
+                     bool from_zero) {
+    sweep(Planes<double>{A, A->diag.data(), A->bands.data()}, inv_diag, b, x, forward, from_zero);
+}
+
+void sweepGridMatrixWithResidual(const GridMatrix *A, const double *inv_diag, const double *b, double *x,
+                                 double *res) {
+    sweepWithResidual(Planes<double>{A, A->diag.data(), A->bands.data()}, inv_diag, b, x, res);
+}
+
+void copyGridMatrixSingle(const GridMatrix *A, GridMatrixSingle *S) {
+    S->A = A;
+    S->diag.assign(A->diag.begin(), A->diag.end());
+    S->bands.resize(A->bands.size());
+    parallelRange(int64_t(A->bands.size()), 1 << 16, [&](int64_t begin, int64_t end) {
+        for (int64_t k = begin; k < end; ++k)
+            S->bands[k] = float(A->bands[k]);
+    });
+}
+
+void sweepGridMatrix(const GridMatrixSingle *S, const double *inv_diag, const double *b, double *x,
+                     bool forward, bool from_zero) {
+    sweep(Planes<float>{S->A, S->diag.data(), S->bands.data()}, inv_diag, b, x, forward, from_zero);
+}
+
+void sweepGridMatrixWithResidual(const GridMatrixSingle *S, const double *inv_diag, const double *b,
+                                 double *x, double *res) {
+    sweepWithResidual(Planes<float>{S->A, S->diag.data(), S->bands.data()}, inv_diag, b, x, res);
 }
 
 // Planes in order of descending shift, so that the rows q - shift of one column come out ascending.

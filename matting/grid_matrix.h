@@ -89,6 +89,23 @@ void sweepGridMatrix(const GridMatrix *A, const double *inv_diag, const double *
 void sweepGridMatrixWithResidual(const GridMatrix *A, const double *inv_diag, const double *b, double *x,
                                  double *res);
 
+// GridMatrixSingle: a single-precision copy of a GridMatrix's planes. Sweeps that only steer an
+// iteration (the multigrid smoother) read half the bytes from it.
+struct GridMatrixSingle {
+    const GridMatrix *A = nullptr; // the matrix copied, for its shape
+    std::vector<float> diag, bands;
+};
+
+// copyGridMatrixSingle: S = A rounded to single precision; S refers to A for its shape.
+void copyGridMatrixSingle(const GridMatrix *A, GridMatrixSingle *S);
+
+// sweepGridMatrix, sweepGridMatrixWithResidual on the single-precision copy: the same sweeps for the
+// matrix S holds (A rounded), with all sums in double precision.
+void sweepGridMatrix(const GridMatrixSingle *S, const double *inv_diag, const double *b, double *x,
+                     bool forward, bool from_zero);
+void sweepGridMatrixWithResidual(const GridMatrixSingle *S, const double *inv_diag, const double *b,
+                                 double *x, double *res);
+
 // gridMatrixToUpperColumns: the upper triangle of A in compressed-column form, row indices ascending in
 // every column, the diagonal last; elements equal to 0.0 are left out, the diagonal included.
 //   A       input

@@ -459,6 +459,7 @@ void buildMultigrid(const GridMatrix *A, const float *colour, int channels, Mult
 
     mg->aggregate = std::max(4, A->reach);
     mg->residual.assign(n, 0.0);
+    copyGridMatrixSingle(A, &mg->smoother);
     auto first = std::make_unique<MultigridLevel>();
     buildFirstLevel(mg, colour, channels, first.get());
     mg->levels.push_back(std::move(first));
@@ -484,7 +485,7 @@ void applyMultigrid(Multigrid *mg, const double *r, double *z) {
         return;
     }
     double *res = mg->residual.data();
-    sweepGridMatrixWithResidual(A, mg->inv_diag.data(), r, z, res);
+    sweepGridMatrixWithResidual(&mg->smoother, mg->inv_diag.data(), r, z, res);
     MultigridLevel *L1 = mg->levels[0].get();
     const int H = A->height, W = A->width, S = mg->aggregate, ah = L1->K.height;
     const int64_t na = blockNodes(&L1->K);
@@ -518,7 +519,7 @@ void applyMultigrid(Multigrid *mg, const double *r, double *z) {
                 }
         }
     });
-    sweepGridMatrix(A, mg->inv_diag.data(), r, z, false, false);
+    sweepGridMatrix(&mg->smoother, mg->inv_diag.data(), r, z, false, false);
 }
 
 int multigridLevelCount(const Multigrid *mg) {
@@ -527,6 +528,7 @@ int multigridLevelCount(const Multigrid *mg) {
 
 size_t multigridBytes(const Multigrid *mg) {
     size_t bytes = mg->inv_diag.size() * sizeof(double) + mg->basis.size() * sizeof(float) +
+                   (mg->smoother.diag.size() + mg->smoother.bands.size()) * sizeof(float) +
                    mg->residual.size() * sizeof(double) + mg->coarsest.lower.size() * sizeof(double);
     for (const auto &L : mg->levels) {
         bytes += (L->K.blocks.size() + L->K.inverse.size()) * sizeof(float);

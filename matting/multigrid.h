@@ -23,6 +23,7 @@ struct MultigridLevel;
 struct Multigrid {
     const GridMatrix *A = nullptr;                       // the fine matrix (referenced)
     int aggregate = 0;                                   // side of a first-level pixel block, 0 when none
+    GridMatrixSingle smoother;                           // A in single precision for the fine sweeps
     std::vector<double> inv_diag;                        // fine Gauss-Seidel
     std::vector<float> basis;                            // [n][4] coarse basis value at each pixel
     std::vector<double> residual;                        // fine work vector

@@ -204,6 +204,30 @@ TEST(GridMatrix, SweepWithResidualGivesTheSweepAndItsResidual) {
     }
 }
 
+TEST(GridMatrix, SinglePrecisionSweepsAreTheSweepsOfTheRoundedMatrix) {
+    GridMatrix A = randomGridMatrix(260, 300, 2, 61u);
+    GridMatrixSingle S;
+    copyGridMatrixSingle(&A, &S);
+    GridMatrix R = A; // A rounded to single precision, held in double
+    for (double &v : R.diag)
+        v = float(v);
+    for (double &v : R.bands)
+        v = float(v);
+    const int64_t n = gridPixels(&A);
+    const std::vector<double> b = randomVector(n, 67u);
+    std::vector<double> inv(n), x1(n), x2(n), r1(n), r2(n);
+    for (int64_t p = 0; p < n; ++p)
+        inv[p] = 1.0 / R.diag[p];
+    sweepGridMatrixWithResidual(&S, inv.data(), b.data(), x1.data(), r1.data());
+    sweepGridMatrixWithResidual(&R, inv.data(), b.data(), x2.data(), r2.data());
+    sweepGridMatrix(&S, inv.data(), b.data(), x1.data(), false, false);
+    sweepGridMatrix(&R, inv.data(), b.data(), x2.data(), false, false);
+    for (int64_t p = 0; p < n; ++p) {
+        ASSERT_EQ(r1[p], r2[p]) << p;
+        ASSERT_EQ(x1[p], x2[p]) << p;
+    }
+}
+
 TEST(GridMatrix, RepeatedSweepsSolveThePositiveDefiniteSystem) {
     GridMatrix A = randomGridMatrix(260, 300, 2, 43u);
     const int64_t n = gridPixels(&A);
