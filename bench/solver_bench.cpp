@@ -17,7 +17,8 @@
 // scale2_255 and truncation to bytes, as the GUI shows it.
 //
 //   solver_bench [--sizes 0.3,1,4,12] [--solvers umfpack,cholmod,cg] [--scenes scribbles,trimap]
-//                [--pyramid-sizes 12] [--timeout SECONDS] [--memory-limit GB] [--skip umfpack@4,...]
+//                [--pyramid-sizes 12] [--timeout SECONDS] [--memory-limit GB] [--skip umfpack@12,...]
+//   --skip takes SOLVER@MEGAPIXELS for a one-level case, SOLVER@MEGAPIXELS/4 for the pyramid one.
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -368,7 +369,7 @@ int main(int argc, char **argv) {
                     "usage: solver_bench [--sizes 0.3,1,4,12] [--solvers umfpack,cholmod,cg] [--scenes "
                     "scribbles,trimap]\n"
                     "                    [--pyramid-sizes 12] [--timeout SECONDS] [--memory-limit GB]\n"
-                    "                    [--skip SOLVER@MEGAPIXELS,...]\n");
+                    "                    [--skip SOLVER@MEGAPIXELS[/LEVELS],...]\n");
             return 2;
         }
         ++k;
@@ -402,7 +403,10 @@ int main(int argc, char **argv) {
     for (size_t k = 0; k < cases.size(); k++) {
         const Case &c = cases[k];
         char key[64];
-        snprintf(key, sizeof key, "%s@%g", solverKindName(c.solver), c.megapixels);
+        if (c.levels == 1)
+            snprintf(key, sizeof key, "%s@%g", solverKindName(c.solver), c.megapixels);
+        else
+            snprintf(key, sizeof key, "%s@%g/%d", solverKindName(c.solver), c.megapixels, c.levels);
         Result r;
         if (std::find(skip.begin(), skip.end(), key) != skip.end()) {
             r.c = c;

@@ -11,6 +11,7 @@
 static constexpr int64_t kDirectPixels = 2048;
 static constexpr int64_t kDirectNodes = 256;
 static constexpr int64_t kParallelGrain = 1 << 10; // aggregates or nodes
+static constexpr int64_t kVectorGrain = 1 << 15;   // unknowns
 // Nodes of a coarse level merged per side into one node of the next: 3 or 4 make the next level cheaper
 // but so much weaker that the iteration needs twice as many steps.
 static constexpr int G = 2;
@@ -329,11 +330,32 @@ void allocateWork(MultigridLevel *L) {
         initBlockVector(v, &L->K);
 }
 
+// a.b and c.d in one pass, in fixed pieces added in a fixed order.
+void dots(int64_t n, const float *a, const float *b, const float *c, const float *d, double *ab, double *cd) {
+    constexpr int kPieces = 16;
+    const int pieces = n < kVectorGrain ? 1 : kPieces;
+    double part[kPieces][2] = {};
+    parallelTasks(pieces, [&](int k) {
+        double s0 = 0.0, s1 = 0.0;
+        for (int64_t i = n * k / pieces; i < n * (k + 1) / pieces; ++i) {
+            s0 += double(a[i]) * b[i];
+            s1 += double(c[i]) * d[i];
+        }
+        part[k][0] = s0;
+        part[k][1] = s1;
+    });
+    *ab = *cd = 0.0;
+    for (int k = 0; k < pieces; ++k) {
+        *ab += part[k][0];
+        *cd += part[k][1];
+    }
+}
+
 double dot(const float *a, const float *b, int64_t n) {
-    return parallelSum(n, 1 << 15, [&](int64_t begin, int64_t end) {
+    return parallelSum(n, kVectorGrain, [&](int64_t begin, int64_t end) {
         double s = 0.0;
         for (int64_t i = begin; i < end; ++i)
-            s += a[i] * b[i];
+            s += double(a[i]) * b[i];
         return s;
     });
 }
@@ -398,29 +420,37 @@ void solveLevel(Multigrid *mg, size_t l) {
     float *p1 = L->p1.data(), *q1 = L->q1.data(), *p2 = L->p2.data(), *q2 = L->q2.data(), *r = L->r.data();
     cycleLevel(mg, l, &L->rhs, &L->p1);
     multiplyBlockGrid(K, &L->p1, &L->q1);
-    const double pq1 = dot(p1, q1, n);
+    double pq1, prhs;
+    dots(n, p1, q1, p1, rhs, &pq1, &prhs);
     if (!(pq1 > 0.0)) {
         std::copy(p1, p1 + n, x);
         return;
     }
-    const double alpha1 = dot(p1, rhs, n) / pq1;
-    for (int64_t i = 0; i < n; ++i) {
-        x[i] = float(alpha1) * p1[i];
-        r[i] = rhs[i] - float(alpha1) * q1[i];
-    }
+    const float alpha1 = float(prhs / pq1);
+    parallelRange(n, kVectorGrain, [&](int64_t begin, int64_t end) {
+        for (int64_t i = begin; i < end; ++i) {
+            x[i] = alpha1 * p1[i];
+            r[i] = rhs[i] - alpha1 * q1[i];
+        }
+    });
     cycleLevel(mg, l, &L->r, &L->p2);
     multiplyBlockGrid(K, &L->p2, &L->q2);
     // Make the second direction conjugate to the first.
     const float beta = float(dot(p2, q1, n) / pq1);
-    for (int64_t i = 0; i < n; ++i) {
-        p2[i] -= beta * p1[i];
-        q2[i] -= beta * q1[i];
-    }
-    const double pq2 = dot(p2, q2, n);
+    double pq2, pr;
+    parallelRange(n, kVectorGrain, [&](int64_t begin, int64_t end) {
+        for (int64_t i = begin; i < end; ++i) {
+            p2[i] -= beta * p1[i];
+            q2[i] -= beta * q1[i];
+        }
+    });
+    dots(n, p2, q2, p2, r, &pq2, &pr);
     if (!(pq2 > 0.0)) return;
-    const double alpha2 = dot(p2, r, n) / pq2;
-    for (int64_t i = 0; i < n; ++i)
-        x[i] += float(alpha2) * p2[i];
+    const float alpha2 = float(pr / pq2);
+    parallelRange(n, kVectorGrain, [&](int64_t begin, int64_t end) {
+        for (int64_t i = begin; i < end; ++i)
+            x[i] += alpha2 * p2[i];
+    });
 }
 
 } // namespace
