@@ -17,40 +17,42 @@ static double secondsSince(std::chrono::steady_clock::time_point start) {
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
-// Two sums over [0, n) in one pass, in fixed pieces added in a fixed order.
-static void parallelPair(int64_t n, const std::function<void(int64_t, int64_t, double *)> &body,
-                         double *first, double *second) {
+// Sums of body(first, last) over the runs of active pixels, two at a time, in fixed pieces of [0, n)
+// added in a fixed order, so that the result does not depend on which thread ran what.
+static void sumOverRuns(const PixelRuns &runs, int64_t n,
+                        const std::function<void(int64_t, int64_t, double *)> &body, double *first,
+                        double *second = nullptr) {
     constexpr int kPieces = 16;
     const int pieces = n < kParallelGrain ? 1 : kPieces;
     double part[kPieces][2] = {};
-    parallelTasks(pieces, [&](int k) { body(n * k / pieces, n * (k + 1) / pieces, part[k]); });
-    *first = *second = 0.0;
+    parallelTasks(pieces, [&](int k) {
+        forEachRun(&runs, n * k / pieces, n * (k + 1) / pieces,
+                   [&](int64_t a, int64_t b) { body(a, b, part[k]); });
+    });
+    double s0 = 0.0, s1 = 0.0;
     for (int k = 0; k < pieces; ++k) {
-        *first += part[k][0];
-        *second += part[k][1];
+        s0 += part[k][0];
+        s1 += part[k][1];
     }
+    *first = s0;
+    if (second) *second = s1;
 }
 
-static double dot(const double *a, const double *b, int64_t n) {
-    return parallelSum(n, kParallelGrain, [&](int64_t begin, int64_t end) {
-        double s = 0.0;
-        for (int64_t i = begin; i < end; ++i)
-            s += a[i] * b[i];
-        return s;
-    });
-}
-
-// res = b - A x; returns |res|^2.
-static double trueResidual(const GridMatrix *A, const double *b, const double *x, double *res) {
-    return parallelSum(gridPixels(A), kParallelGrain, [&](int64_t begin, int64_t end) {
-        multiplyGridMatrixRange(A, x, res, begin, end);
-        double s = 0.0;
-        for (int64_t i = begin; i < end; ++i) {
-            res[i] = b[i] - res[i];
-            s += res[i] * res[i];
-        }
-        return s;
-    });
+// res = b - A x on the active pixels; returns |res|^2.
+static double trueResidual(const GridMatrix *A, const PixelRuns &runs, const double *b, const double *x,
+                           double *res) {
+    double rr;
+    sumOverRuns(
+        runs, gridPixels(A),
+        [&](int64_t first, int64_t last, double *sums) {
+            multiplyGridMatrixRange(A, x, res, first, last);
+            for (int64_t i = first; i < last; ++i) {
+                res[i] = b[i] - res[i];
+                sums[0] += res[i] * res[i];
+            }
+        },
+        &rr);
+    return rr;
 }
 
 static int fail(SolverReport *report, int status, const char *format, int iterations) {
@@ -67,7 +69,10 @@ static int iterate(const GridSystem *system, double *x, const SolverOptions &opt
     const GridMatrix *A = &system->A;
     const double *b = system->b.data();
     const int64_t n = gridPixels(A);
-    const double bnorm = std::sqrt(dot(b, b, n));
+    double bb = 0.0;
+    for (int64_t i = 0; i < n; ++i)
+        bb += b[i] * b[i];
+    const double bnorm = std::sqrt(bb);
     if (!opt.use_start)
         for (int64_t i = 0; i < n; ++i)
             x[i] = 0.0;
@@ -78,25 +83,25 @@ static int iterate(const GridSystem *system, double *x, const SolverOptions &opt
         return SOLVE_OK;
     }
     const double goal = opt.tolerance * bnorm;
-    // A pixel whose row has no off-diagonal element (deep inside a scribble) has the exact value
-    // b / A(p, p); set it so, rather than let it carry the iteration's last rounding error, which decides
-    // between 254 and 255 for a pixel that should be exactly 1.
-    std::vector<char> coupled;
-    gridCoupledPixels(A, &coupled);
-    auto fixIsolated = [&] {
-        for (int64_t i = 0; i < n; ++i)
-            if (!coupled[i] && A->diag[i] != 0.0) x[i] = b[i] / A->diag[i];
-    };
-    fixIsolated();
 
     auto setup_start = std::chrono::steady_clock::now();
+    // A pixel whose row has no off-diagonal element (deep inside a scribble, or anywhere a trimap fixes
+    // it) is an equation of its own, with the exact value b / A(p, p): set it so, rather than let it
+    // carry an iteration's rounding (which decides between 254 and 255 for a pixel that should be
+    // exactly 1), and leave it out of the iteration, which then works on the coupled pixels only.
+    PixelRuns runs;
+    gridActiveRuns(A, &runs);
+    std::vector<char> coupled;
+    gridCoupledPixels(A, &coupled);
+    for (int64_t i = 0; i < n; ++i)
+        if (!coupled[i] && A->diag[i] != 0.0) x[i] = b[i] / A->diag[i];
     Multigrid mg;
     buildMultigrid(A, system->colour.empty() ? nullptr : system->colour.data(), system->channels, &mg);
-    std::vector<double> r(n), z(n), p(n), q(n);
+    std::vector<double> r(n, 0.0), z(n, 0.0), p(n, 0.0), q(n, 0.0);
     report->setup_seconds = secondsSince(setup_start);
 
     auto solve_start = std::chrono::steady_clock::now();
-    double rnorm = std::sqrt(trueResidual(A, b, x, r.data()));
+    double rnorm = std::sqrt(trueResidual(A, runs, b, x, r.data()));
     bool restart = true;
     double pq_previous = 0.0;
     int it = 0;
@@ -104,7 +109,7 @@ static int iterate(const GridSystem *system, double *x, const SolverOptions &opt
     for (;;) {
         if (rnorm <= goal) {
             // The recurrence for r drifts from b - A x; stop only when the true residual agrees.
-            rnorm = std::sqrt(trueResidual(A, b, x, r.data()));
+            rnorm = std::sqrt(trueResidual(A, runs, b, x, r.data()));
             if (rnorm <= goal) break;
             restart = true;
         }
@@ -114,11 +119,11 @@ static int iterate(const GridSystem *system, double *x, const SolverOptions &opt
         }
         applyMultigrid(&mg, r.data(), z.data());
         // r.z, and z.Ap of the previous direction, in one pass.
-        double rz = 0.0, zq = 0.0;
-        parallelPair(
-            n,
-            [&](int64_t begin, int64_t end, double *sums) {
-                for (int64_t i = begin; i < end; ++i) {
+        double rz, zq;
+        sumOverRuns(
+            runs, n,
+            [&](int64_t first, int64_t last, double *sums) {
+                for (int64_t i = first; i < last; ++i) {
                     sums[0] += r[i] * z[i];
                     sums[1] += z[i] * q[i];
                 }
@@ -134,21 +139,24 @@ static int iterate(const GridSystem *system, double *x, const SolverOptions &opt
         }
         const double beta = restart ? 0.0 : zq / pq_previous;
         restart = false;
-        const double pr = parallelSum(n, kParallelGrain, [&](int64_t begin, int64_t end) {
-            double s = 0.0;
-            for (int64_t i = begin; i < end; ++i) {
-                p[i] = z[i] - beta * p[i];
-                s += p[i] * r[i];
-            }
-            return s;
-        });
-        const double curvature = parallelSum(n, kParallelGrain, [&](int64_t begin, int64_t end) {
-            multiplyGridMatrixRange(A, p.data(), q.data(), begin, end);
-            double s = 0.0;
-            for (int64_t i = begin; i < end; ++i)
-                s += p[i] * q[i];
-            return s;
-        });
+        double pr, curvature;
+        sumOverRuns(
+            runs, n,
+            [&](int64_t first, int64_t last, double *sums) {
+                for (int64_t i = first; i < last; ++i) {
+                    p[i] = z[i] - beta * p[i];
+                    sums[0] += p[i] * r[i];
+                }
+            },
+            &pr);
+        sumOverRuns(
+            runs, n,
+            [&](int64_t first, int64_t last, double *sums) {
+                multiplyGridMatrixRange(A, p.data(), q.data(), first, last);
+                for (int64_t i = first; i < last; ++i)
+                    sums[0] += p[i] * q[i];
+            },
+            &curvature);
         ++it;
         if (!(curvature > 0.0)) {
             status = fail(report, SOLVE_NOT_POSITIVE_DEFINITE,
@@ -159,18 +167,19 @@ static int iterate(const GridSystem *system, double *x, const SolverOptions &opt
         }
         pq_previous = curvature;
         const double alpha = pr / curvature;
-        const double rr = parallelSum(n, kParallelGrain, [&](int64_t begin, int64_t end) {
-            double s = 0.0;
-            for (int64_t i = begin; i < end; ++i) {
-                x[i] += alpha * p[i];
-                r[i] -= alpha * q[i];
-                s += r[i] * r[i];
-            }
-            return s;
-        });
+        double rr;
+        sumOverRuns(
+            runs, n,
+            [&](int64_t first, int64_t last, double *sums) {
+                for (int64_t i = first; i < last; ++i) {
+                    x[i] += alpha * p[i];
+                    r[i] -= alpha * q[i];
+                    sums[0] += r[i] * r[i];
+                }
+            },
+            &rr);
         rnorm = std::sqrt(rr);
     }
-    fixIsolated();
     report->iterations = it;
     report->relative_residual = rnorm / bnorm;
     report->solve_seconds = secondsSince(solve_start);

@@ -83,6 +83,21 @@ void gridCoupledPixels(const GridMatrix *A, std::vector<char> *coupled) {
     }
 }
 
+void gridActiveRuns(const GridMatrix *A, PixelRuns *runs) {
+    std::vector<char> coupled;
+    gridCoupledPixels(A, &coupled);
+    runs->clear();
+    const int64_t n = gridPixels(A);
+    for (int64_t p = 0; p < n;) {
+        while (p < n && !(coupled[p] && A->diag[p] > 0.0))
+            ++p;
+        const int64_t first = p;
+        while (p < n && coupled[p] && A->diag[p] > 0.0)
+            ++p;
+        if (p > first) runs->emplace_back(first, p);
+    }
+}
+
 void multiplyGridMatrixRange(const GridMatrix *A, const double *x, double *y, int64_t begin, int64_t end) {
     const int64_t n = gridPixels(A);
     const size_t nbands = A->band_shift.size();
@@ -118,7 +133,24 @@ template <typename T> struct Planes {
     const GridMatrix *shape;
     const T *diag;
     const T *bands;
+    const PixelRuns *runs; // the pixels to visit, null for all
 };
+
+// Calls relax(p) for the pixels of [begin, end) that lie in the runs, ascending or descending.
+template <typename Relax>
+static inline void visitPixels(const PixelRuns *runs, int64_t begin, int64_t end, bool forward,
+                               Relax &&relax) {
+    if (forward)
+        forEachRun(runs, begin, end, [&](int64_t a, int64_t b) {
+            for (int64_t p = a; p < b; ++p)
+                relax(p);
+        });
+    else
+        forEachRunBackward(runs, begin, end, [&](int64_t a, int64_t b) {
+            for (int64_t p = b - 1; p >= a; --p)
+                relax(p);
+        });
+}
 
 // One Gauss-Seidel step at pixel p away from the ends of the grid (p - reach >= 0, p + reach < n).
 // Plane 0 couples p to p - 1 and p + 1, the pixels updated just before it: its terms come last, and the
@@ -193,12 +225,7 @@ static void relaxPixels(const Planes<T> &P, const double *inv_diag, const double
         }
         x[p] = s * inv_diag[p];
     };
-    if (forward)
-        for (int64_t p = begin; p < end; ++p)
-            relax(p);
-    else
-        for (int64_t p = end - 1; p >= begin; --p)
-            relax(p);
+    visitPixels(P.runs, begin, end, forward, relax);
 }
 
 // The radius-1 Laplacian (12 forward planes) gets the unrolled kernel, any other size the general one.
@@ -266,7 +293,7 @@ static void relaxLowerWithResidualPixels(const Planes<T> &P, const double *inv_d
     const int nb = pp.nb;
     const T *const *band = pp.band.data();
     const int64_t *shift = pp.shift.data();
-    for (int64_t p = from; p < to; ++p) {
+    visitPixels(P.runs, from, to, true, [&](int64_t p) {
         double s = b[p];
         if (p - reach >= floor && nb > 0) {
             s -= interiorSum<T, NB, true>(band, shift, nb, x, p);
@@ -287,7 +314,7 @@ static void relaxLowerWithResidualPixels(const Planes<T> &P, const double *inv_d
                 if (p - shift[k] >= floor && p - shift[k] >= 0)
                     res[p - shift[k]] -= double(band[k][p - shift[k]]) * xp;
         }
-    }
+    });
 }
 
 template <typename T>
@@ -307,7 +334,7 @@ static void relaxMiddleWithResidual(const Planes<T> &P, const double *inv_diag, 
                                     double *res, int64_t lo, int64_t hi) {
     const PlanePointers<T> pp(P);
     const int64_t n = pp.n;
-    for (int64_t p = lo; p < hi; ++p) {
+    visitPixels(P.runs, lo, hi, true, [&](int64_t p) {
         double s = b[p];
         for (int k = 0; k < pp.nb; ++k) {
             const int64_t sh = pp.shift[k];
@@ -322,7 +349,7 @@ static void relaxMiddleWithResidual(const Planes<T> &P, const double *inv_diag, 
             if (p - sh >= 0) res[p - sh] -= double(pp.band[k][p - sh]) * xp;
             if (p + sh < n && p + sh >= hi) res[p + sh] -= double(pp.band[k][p]) * xp;
         }
-    }
+    });
 }
 
 template <typename T>
@@ -343,13 +370,13 @@ static void sweepWithResidual(const Planes<T> &P, const double *inv_diag, const 
 }
 
 void sweepGridMatrix(const GridMatrix *A, const double *inv_diag, const double *b, double *x, bool forward,
-                     bool from_zero) {
-    sweep(Planes<double>{A, A->diag.data(), A->bands.data()}, inv_diag, b, x, forward, from_zero);
+                     bool from_zero, const PixelRuns *runs) {
+    sweep(Planes<double>{A, A->diag.data(), A->bands.data(), runs}, inv_diag, b, x, forward, from_zero);
 }
 
 void sweepGridMatrixWithResidual(const GridMatrix *A, const double *inv_diag, const double *b, double *x,
-                                 double *res) {
-    sweepWithResidual(Planes<double>{A, A->diag.data(), A->bands.data()}, inv_diag, b, x, res);
+                                 double *res, const PixelRuns *runs) {
+    sweepWithResidual(Planes<double>{A, A->diag.data(), A->bands.data(), runs}, inv_diag, b, x, res);
 }
 
 void copyGridMatrixSingle(const GridMatrix *A, GridMatrixSingle *S) {
@@ -363,13 +390,13 @@ void copyGridMatrixSingle(const GridMatrix *A, GridMatrixSingle *S) {
 }
 
 void sweepGridMatrix(const GridMatrixSingle *S, const double *inv_diag, const double *b, double *x,
-                     bool forward, bool from_zero) {
-    sweep(Planes<float>{S->A, S->diag.data(), S->bands.data()}, inv_diag, b, x, forward, from_zero);
+                     bool forward, bool from_zero, const PixelRuns *runs) {
+    sweep(Planes<float>{S->A, S->diag.data(), S->bands.data(), runs}, inv_diag, b, x, forward, from_zero);
 }
 
 void sweepGridMatrixWithResidual(const GridMatrixSingle *S, const double *inv_diag, const double *b,
-                                 double *x, double *res) {
-    sweepWithResidual(Planes<float>{S->A, S->diag.data(), S->bands.data()}, inv_diag, b, x, res);
+                                 double *x, double *res, const PixelRuns *runs) {
+    sweepWithResidual(Planes<float>{S->A, S->diag.data(), S->bands.data(), runs}, inv_diag, b, x, res);
 }
 
 // Planes in order of descending shift, so that the rows q - shift of one column come out ascending.

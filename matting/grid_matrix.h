@@ -10,7 +10,9 @@
 // Planes hold 0.0 wherever q falls outside the grid; code that fills a GridMatrix keeps it that way.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
+#include <utility>
 #include <vector>
 
 struct GridMatrix {
@@ -60,6 +62,45 @@ int64_t gridNonZeros(const GridMatrix *A);
 // without one is an equation of its own, A(p, p) x[p] = b[p].
 void gridCoupledPixels(const GridMatrix *A, std::vector<char> *coupled);
 
+// PixelRuns: sorted, disjoint [first, second) intervals of pixel indices, the pixels an iteration has
+// to work on. A row without off-diagonal elements is an equation of its own, and no other row refers to
+// its pixel, so a solver can set such pixels once and leave them out of every later pass: in a trimap
+// or at the finer levels of a pyramid, that is most of the image.
+typedef std::vector<std::pair<int64_t, int64_t>> PixelRuns;
+
+// gridActiveRuns: the runs of pixels whose row has an off-diagonal element and a positive diagonal.
+void gridActiveRuns(const GridMatrix *A, PixelRuns *runs);
+
+// forEachRun: fn(first, last) for every non-empty intersection of a run with [begin, end), in ascending
+// order (forEachRunBackward: descending). With runs null, fn(begin, end) once.
+template <typename Fn> inline void forEachRun(const PixelRuns *runs, int64_t begin, int64_t end, Fn &&fn) {
+    if (!runs) {
+        if (begin < end) fn(begin, end);
+        return;
+    }
+    auto it = std::upper_bound(runs->begin(), runs->end(), begin,
+                               [](int64_t v, const std::pair<int64_t, int64_t> &r) { return v < r.second; });
+    for (; it != runs->end() && it->first < end; ++it)
+        fn(std::max(it->first, begin), std::min(it->second, end));
+}
+template <typename Fn>
+inline void forEachRunBackward(const PixelRuns *runs, int64_t begin, int64_t end, Fn &&fn) {
+    if (!runs) {
+        if (begin < end) fn(begin, end);
+        return;
+    }
+    auto first =
+        std::upper_bound(runs->begin(), runs->end(), begin,
+                         [](int64_t v, const std::pair<int64_t, int64_t> &r) { return v < r.second; });
+    auto last = first;
+    while (last != runs->end() && last->first < end)
+        ++last;
+    while (last != first) {
+        --last;
+        fn(std::max(last->first, begin), std::min(last->second, end));
+    }
+}
+
 // multiplyGridMatrix: y = A x, on both cores when the grid is large.
 //   A  input
 //   x  input: n values
@@ -78,16 +119,18 @@ void multiplyGridMatrixRange(const GridMatrix *A, const double *x, double *y, in
 //   inv_diag  input: 1 / A(p, p), or 0 for a pixel to be left at 0 (a row that is not used)
 //   b         input
 //   x         modified
+//   runs      input: the pixels to update (null: all); the others are neither written nor, through
+//             a non-zero coupling, read
 void sweepGridMatrix(const GridMatrix *A, const double *inv_diag, const double *b, double *x, bool forward,
-                     bool from_zero);
+                     bool from_zero, const PixelRuns *runs = nullptr);
 
 // sweepGridMatrixWithResidual: the forward sweep from zero of sweepGridMatrix, and the residual it
-// leaves, res = b - A x, formed during the same pass over the matrix.
+// leaves, res = b - A x, formed during the same pass over the matrix (on the runs only, when given).
 //   inv_diag, b  input: as sweepGridMatrix
 //   x            output
 //   res          output: n values, must not overlap b or x
 void sweepGridMatrixWithResidual(const GridMatrix *A, const double *inv_diag, const double *b, double *x,
-                                 double *res);
+                                 double *res, const PixelRuns *runs = nullptr);
 
 // GridMatrixSingle: a single-precision copy of a GridMatrix's planes. Sweeps that only steer an
 // iteration (the multigrid smoother) read half the bytes from it.
@@ -102,9 +145,9 @@ void copyGridMatrixSingle(const GridMatrix *A, GridMatrixSingle *S);
 // sweepGridMatrix, sweepGridMatrixWithResidual on the single-precision copy: the same sweeps for the
 // matrix S holds (A rounded), with all sums in double precision.
 void sweepGridMatrix(const GridMatrixSingle *S, const double *inv_diag, const double *b, double *x,
-                     bool forward, bool from_zero);
+                     bool forward, bool from_zero, const PixelRuns *runs = nullptr);
 void sweepGridMatrixWithResidual(const GridMatrixSingle *S, const double *inv_diag, const double *b,
-                                 double *x, double *res);
+                                 double *x, double *res, const PixelRuns *runs = nullptr);
 
 // gridMatrixToUpperColumns: the upper triangle of A in compressed-column form, row indices ascending in
 // every column, the diagonal last; elements equal to 0.0 are left out, the diagonal included.

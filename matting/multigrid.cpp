@@ -150,10 +150,10 @@ void buildFirstLevel(Multigrid *mg, const float *colour, int channels, Multigrid
     const int ah = (H + S - 1) / S, aw = (W + S - 1) / S;
     const int64_t na = int64_t(ah) * aw;
     mg->basis.assign(size_t(n) * 4, 0.0f);
-    std::vector<char> coupled;
-    gridCoupledPixels(A, &coupled);
-    for (int64_t p = 0; p < n; ++p)
-        if (!(A->diag[p] > 0.0)) coupled[p] = 0;
+    std::vector<char> coupled(n, 0);
+    for (const auto &run : mg->runs)
+        std::fill(coupled.begin() + run.first, coupled.begin() + run.second, 1);
+    mg->active_block.assign(na, 0);
     L1->candidates.assign(size_t(na) * kBlockSize, 0.0);
     parallelRange(na, kParallelGrain, [&](int64_t begin, int64_t end) {
         for (int64_t a = begin; a < end; ++a) {
@@ -166,6 +166,7 @@ void buildFirstLevel(Multigrid *mg, const float *colour, int channels, Multigrid
                     const int64_t p = i + int64_t(j) * H;
                     float *q = &mg->basis[size_t(p) * 4];
                     B.at(colour, n, p, q);
+                    mg->active_block[a] |= coupled[p];
                     if (!coupled[p]) {
                         // An equation of its own (or an unused row): the smoother solves it exactly,
                         // so the coarse levels leave it out.
@@ -489,6 +490,7 @@ void buildMultigrid(const GridMatrix *A, const float *colour, int channels, Mult
 
     mg->aggregate = std::max(4, A->reach);
     mg->residual.assign(n, 0.0);
+    gridActiveRuns(A, &mg->runs);
     copyGridMatrixSingle(A, &mg->smoother);
     auto first = std::make_unique<MultigridLevel>();
     buildFirstLevel(mg, colour, channels, first.get());
@@ -515,15 +517,16 @@ void applyMultigrid(Multigrid *mg, const double *r, double *z) {
         return;
     }
     double *res = mg->residual.data();
-    sweepGridMatrixWithResidual(&mg->smoother, mg->inv_diag.data(), r, z, res);
+    sweepGridMatrixWithResidual(&mg->smoother, mg->inv_diag.data(), r, z, res, &mg->runs);
     MultigridLevel *L1 = mg->levels[0].get();
     const int H = A->height, W = A->width, S = mg->aggregate, ah = L1->K.height;
     const int64_t na = blockNodes(&L1->K);
     parallelRange(na, kParallelGrain, [&](int64_t begin, int64_t end) {
         for (int64_t a = begin; a < end; ++a) {
-            const int I = int(a % ah), J = int(a / ah);
-            const int i0 = I * S, i1 = std::min(H, i0 + S), j0 = J * S, j1 = std::min(W, j0 + S);
             double s[4] = {0, 0, 0, 0};
+            const int I = int(a % ah), J = int(a / ah);
+            const int i0 = I * S, i1 = std::min(H, i0 + S), j0 = J * S,
+                      j1 = mg->active_block[a] ? std::min(W, j0 + S) : j0;
             for (int j = j0; j < j1; ++j)
                 for (int i = i0; i < i1; ++i) {
                     const int64_t p = i + int64_t(j) * H;
@@ -538,6 +541,7 @@ void applyMultigrid(Multigrid *mg, const double *r, double *z) {
     solveLevel(mg, 0);
     parallelRange(na, kParallelGrain, [&](int64_t begin, int64_t end) {
         for (int64_t a = begin; a < end; ++a) {
+            if (!mg->active_block[a]) continue;
             const int I = int(a % ah), J = int(a / ah);
             const int i0 = I * S, i1 = std::min(H, i0 + S), j0 = J * S, j1 = std::min(W, j0 + S);
             const float *c = &L1->sol.data()[a * 4];
@@ -549,7 +553,7 @@ void applyMultigrid(Multigrid *mg, const double *r, double *z) {
                 }
         }
     });
-    sweepGridMatrix(&mg->smoother, mg->inv_diag.data(), r, z, false, false);
+    sweepGridMatrix(&mg->smoother, mg->inv_diag.data(), r, z, false, false, &mg->runs);
 }
 
 int multigridLevelCount(const Multigrid *mg) {

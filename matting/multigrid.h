@@ -24,6 +24,8 @@ struct Multigrid {
     const GridMatrix *A = nullptr;                       // the fine matrix (referenced)
     int aggregate = 0;                                   // side of a first-level pixel block, 0 when none
     GridMatrixSingle smoother;                           // A in single precision for the fine sweeps
+    PixelRuns runs;                                      // pixels coupled to others, the only ones swept
+    std::vector<char> active_block;                      // first-level blocks holding such a pixel
     std::vector<double> inv_diag;                        // fine Gauss-Seidel
     std::vector<float> basis;                            // [n][4] coarse basis value at each pixel
     std::vector<double> residual;                        // fine work vector
