@@ -10,7 +10,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <string>
 #include <vector>
 
 #include "tests/matting/engine_fixtures.h"
