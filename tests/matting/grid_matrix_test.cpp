@@ -228,6 +228,60 @@ TEST(GridMatrix, SinglePrecisionSweepsAreTheSweepsOfTheRoundedMatrix) {
     }
 }
 
+TEST(GridMatrix, SweepsOnActiveRunsLeaveLonePixelsAlone) {
+    // Cut every coupling of a block of pixels: they become equations of their own, and the runs of
+    // active pixels skip them.
+    GridMatrix A = randomGridMatrix(40, 30, 2, 71u);
+    const int64_t n = gridPixels(&A);
+    auto lone = [&](int64_t p) {
+        return p == 3 || (p % 40 >= 10 && p % 40 < 20 && p / 40 >= 5 && p / 40 < 25);
+    };
+    for (size_t k = 0; k < A.band_shift.size(); ++k)
+        for (int64_t p = 0; p + A.band_shift[k] < n; ++p)
+            if (lone(p) || lone(p + A.band_shift[k])) A.bands[k * n + p] = 0.0;
+    A.diag[3] = 0.0; // an empty row, as for a pixel in no window and without constraint
+    PixelRuns runs;
+    gridActiveRuns(&A, &runs);
+    int64_t covered = 0, previous_end = -1;
+    for (const auto &run : runs) {
+        EXPECT_GT(run.first, previous_end) << "runs are sorted, disjoint and maximal";
+        for (int64_t p = run.first; p < run.second; ++p)
+            EXPECT_FALSE(lone(p) || p == 3) << p;
+        covered += run.second - run.first;
+        previous_end = run.second;
+    }
+    EXPECT_EQ(covered, n - 10 * 20 - 1);
+
+    const std::vector<double> b = randomVector(n, 73u);
+    std::vector<double> inv(n), full(n), part(n, 5.0), res(n, 0.0);
+    for (int64_t p = 0; p < n; ++p)
+        inv[p] = A.diag[p] > 0.0 ? 1.0 / A.diag[p] : 0.0;
+    sweepGridMatrix(&A, inv.data(), b.data(), full.data(), true, true);
+    sweepGridMatrixWithResidual(&A, inv.data(), b.data(), part.data(), res.data(), &runs);
+    std::vector<int64_t> visited;
+    forEachRun(&runs, 0, n, [&](int64_t a, int64_t c) {
+        for (int64_t p = a; p < c; ++p)
+            visited.push_back(p);
+    });
+    ASSERT_EQ(int64_t(visited.size()), covered);
+    for (int64_t p : visited)
+        EXPECT_DOUBLE_EQ(part[p], full[p]) << p;
+    for (int64_t p = 0; p < n; ++p) {
+        if (lone(p)) {
+            EXPECT_EQ(part[p], 5.0) << "pixel " << p << " is not written";
+        }
+    }
+    std::vector<int64_t> backward;
+    forEachRunBackward(&runs, 100, 900, [&](int64_t a, int64_t c) { backward.push_back(c - a); });
+    int64_t sum = 0;
+    for (int64_t len : backward)
+        sum += len;
+    int64_t inside = 0;
+    for (int64_t p : visited)
+        inside += p >= 100 && p < 900;
+    EXPECT_EQ(sum, inside);
+}
+
 TEST(GridMatrix, RepeatedSweepsSolveThePositiveDefiniteSystem) {
     GridMatrix A = randomGridMatrix(260, 300, 2, 43u);
     const int64_t n = gridPixels(&A);
