@@ -1,85 +1,47 @@
-// Helpers for GUI tests that run the real program: starting keldra in-process with a scripted
-// session, waiting on the main loop, answering modal dialogs, real pointer and keyboard input through
-// the X server's XTest extension, catching standard output, and scopes whose allocations are not leak
-// reports. Builds on tests/app/gui_helpers.h (pump, find_toplevel, close_box, TempFolder).
+// The GUI tests' harness: runs the real program (keldra_main) in this process with a scripted session,
+// pumps the main loop, answers modal dialogs from a timeout, sends pointer events to the canvas, and
+// reads pixels back from pixbufs, cairo surfaces and the screen. Each test executable is one source
+// file that includes this header once; the header also carries the sanitizer settings of those tests.
 #ifndef KELDRA_TESTS_GUI_TEST_SUPPORT_H
 #define KELDRA_TESTS_GUI_TEST_SUPPORT_H
 
-#include <dlfcn.h>
-#include <gdk/gdkkeysyms.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
+#include <gtk/gtk.h>
 
-#include <cstdio>
-#include <fstream>
+#include <cstdint>
+#include <cstdlib>
 #include <functional>
-#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "app/gtkkeldra.h"
-#include "tests/app/gui_helpers.h"
 
 #if defined(__SANITIZE_ADDRESS__)
-#include <sanitizer/lsan_interface.h>
+// glib and GTK are built without frame pointers; the slow unwinder gives the whole stacks that tell the
+// toolkit's own caches (fontconfig's fonts, the file chooser's icons and settings path) from our blocks.
+// Calculate keeps the image and result records and the region's sub-pixbuf of every job by design.
+extern "C" const char *__asan_default_options() {
+    return "fast_unwind_on_malloc=0";
+}
+extern "C" const char *__lsan_default_suppressions() {
+    return "leak:libfontconfig.so\nleak:gtk_icon_info_load_icon\nleak:g_build_filename\nleak:cb_calc\n";
+}
 #endif
 
-// The X display under GDK, as an opaque pointer: the X11 headers' macros collide with GoogleTest's.
-extern "C" void *gdk_x11_display_get_xdisplay(GdkDisplay *display);
-
-// Allocations made on this thread inside this scope are not leak reports in sanitizer builds. For code
-// that keeps blocks on purpose (Calculate keeps the image record when nothing starts, and the result
-// record and the region's sub-pixbuf of every job) and for GTK's file chooser, which leaks small
-// blocks of its own. Declare it [[maybe_unused]]: in other builds it does nothing.
-struct LeakScope {
-#if defined(__SANITIZE_ADDRESS__)
-    LeakScope() {
-        __lsan_disable();
-    }
-    ~LeakScope() {
-        __lsan_enable();
-    }
-#endif
-};
-
-// Runs `keldra ARGS...` in this process with HOME in a fresh folder and, when the test defines
-// KELDRA_ICON_FOLDER, the repository's icons. The session runs from the main loop once the window is
-// shown; the window is closed afterwards. Globals that start-up does not reset are put back to their
-// initial values first.
-inline void run_keldra(const std::vector<std::string> &args, std::function<void(GtkWidget *)> session) {
-    TempFolder home;
-    std::string saved_home = getenv("HOME");
-    setenv("HOME", home.path.c_str(), 1);
-#ifdef KELDRA_ICON_FOLDER
-    setenv("ICON_DIR", KELDRA_ICON_FOLDER, 1);
-#endif
-    scale = 1.0;
-    in_edit_mode = 1;
-    calc_ROI_is_set = 0;
-    ok_to_calc = 1;
-    radius = 5.0;
-    red = green = blue = alpha = 1.0;
-    x_img_ROI = y_img_ROI = w_img_ROI = h_img_ROI = 0;
-    left_x = top_y = selection_w = selection_h = 0.0;
-    when_shown("Orvanto", [&](GtkWidget *window) {
-        session(window);
-        close_box(window);
-    });
-    std::vector<std::string> all = {"keldra"};
-    all.insert(all.end(), args.begin(), args.end());
-    std::vector<char *> argv;
-    for (std::string &a : all)
-        argv.push_back(a.data());
-    argv.push_back(nullptr);
-    EXPECT_EQ(keldra_main((int)all.size(), argv.data()), 0);
-    setenv("HOME", saved_home.c_str(), 1);
-    unsetenv("ICON_DIR");
+// Handles everything pending, then keeps the main loop running for about ms milliseconds.
+inline void pump(int ms = 0) {
+    const gint64 end = g_get_monotonic_time() + (gint64)ms * 1000;
+    do {
+        while (gtk_events_pending())
+            gtk_main_iteration_do(FALSE);
+        if (ms > 0) g_usleep(2000);
+    } while (g_get_monotonic_time() < end);
 }
 
 // Pumps the main loop until cond holds or timeout_ms pass; returns cond's last value.
-inline bool wait_until(std::function<bool()> cond, int timeout_ms) {
-    gint64 end = g_get_monotonic_time() + (gint64)timeout_ms * 1000;
+inline bool wait_until(const std::function<bool()> &cond, int timeout_ms) {
+    const gint64 end = g_get_monotonic_time() + (gint64)timeout_ms * 1000;
     while (!cond()) {
         if (g_get_monotonic_time() > end) return false;
         pump(10);
@@ -87,152 +49,241 @@ inline bool wait_until(std::function<bool()> cond, int timeout_ms) {
     return true;
 }
 
-// Answers the dialog titled `title` when it shows, from a main-loop timeout: action runs on it and
-// answers it. With `repeat` the action runs every 50 ms until the dialog is gone (a save chooser may
-// let a response pass). Removed when the object dies, so a dialog that never comes leaves nothing
-// pending.
+inline std::vector<GtkWidget *> children(GtkWidget *container) {
+    std::vector<GtkWidget *> out;
+    GList *list = gtk_container_get_children(GTK_CONTAINER(container));
+    for (GList *l = list; l != nullptr; l = l->next)
+        out.push_back(GTK_WIDGET(l->data));
+    g_list_free(list);
+    return out;
+}
+
+// The mapped toplevel titled title.
+inline GtkWidget *find_toplevel(const char *title) {
+    GtkWidget *found = nullptr;
+    GList *all = gtk_window_list_toplevels();
+    for (GList *l = all; l != nullptr; l = l->next)
+        if (g_strcmp0(gtk_window_get_title(GTK_WINDOW(l->data)), title) == 0 &&
+            gtk_widget_get_mapped(GTK_WIDGET(l->data)))
+            found = GTK_WIDGET(l->data);
+    g_list_free(all);
+    return found;
+}
+
+// Sends the window the event its close box would send.
+inline void close_box(GtkWidget *window) {
+    GdkEvent *event = gdk_event_new(GDK_DELETE);
+    event->any.window = GDK_WINDOW(g_object_ref(gtk_widget_get_window(window)));
+    event->any.send_event = TRUE;
+    gtk_main_do_event(event);
+    gdk_event_free(event);
+}
+
+// A fresh empty folder under /tmp, removed with everything in it.
+struct TempFolder {
+    std::string path;
+    TempFolder() {
+        char name[] = "/tmp/keldra-test-XXXXXX";
+        path = mkdtemp(name);
+    }
+    ~TempFolder() {
+        if (system(("rm -rf '" + path + "'").c_str()) != 0) path.clear();
+    }
+};
+
+// Runs `keldra ARGS...` in this process with HOME in home (a fresh folder when empty) and ICON_DIR
+// icons (unset when null). session runs from the main loop once the window is shown; the window is
+// then closed by its close box. Globals that start-up leaves alone are first put back to their initial
+// values, so that runs in one process do not see each other's zoom, mode, brush or region.
+inline void run_keldra(const std::vector<std::string> &args, std::function<void(GtkWidget *)> session,
+                       const std::string &home = "", const char *icons = KELDRA_SOURCE_DIR "/icons") {
+    TempFolder fresh;
+    const std::string saved_home = getenv("HOME");
+    setenv("HOME", home.empty() ? fresh.path.c_str() : home.c_str(), 1);
+    g_mkdir_with_parents((fresh.path + "/.local/share").c_str(), 0700);
+    if (icons != nullptr) setenv("ICON_DIR", icons, 1);
+    scale = 1.0, radius = 5.0, cursor_x = cursor_y = -5.0;
+    in_edit_mode = finished_stroke = ok_to_calc = 1, calc_ROI_is_set = 0;
+    red = green = blue = alpha = 1.0, left_x = top_y = selection_w = selection_h = 0.0;
+    x_img_ROI = y_img_ROI = w_img_ROI = h_img_ROI = 0;
+    g_timeout_add(
+        50,
+        [](gpointer data) -> gboolean {
+            GtkWidget *window = find_toplevel("Orvanto");
+            if (window == nullptr) return TRUE;
+            pump(100); // the first exposes
+            (*static_cast<std::function<void(GtkWidget *)> *>(data))(window);
+            close_box(window);
+            return FALSE;
+        },
+        &session);
+    std::vector<char *> argv = {const_cast<char *>("keldra")};
+    for (const std::string &a : args)
+        argv.push_back(const_cast<char *>(a.c_str()));
+    argv.push_back(nullptr);
+    EXPECT_EQ(keldra_main((int)args.size() + 1, argv.data()), 0);
+    setenv("HOME", saved_home.c_str(), 1);
+    unsetenv("ICON_DIR");
+}
+
+// Answers the next dialog titled title to show up: act runs on it every 50 ms until it returns true
+// (a save chooser may let a response pass, so acting again must be harmless) or the dialog is gone.
+// shown tells whether it came. The timeout goes with the object, so a dialog that never came leaves
+// nothing pending.
 struct Answer {
     std::string title;
-    std::function<void(GtkWidget *)> action;
-    bool repeat;
-    guint source = 0;
+    std::function<bool(GtkWidget *)> act;
     int shown = 0;
+    gpointer dialog = nullptr;
+    guint source = g_timeout_add(50, tick, this);
 
-    Answer(const char *t, std::function<void(GtkWidget *)> a, bool r = false)
-        : title(t), action(std::move(a)), repeat(r) {
-        source = g_timeout_add(50, tick, this);
-    }
+    Answer(const char *t, std::function<bool(GtkWidget *)> a) : title(t), act(std::move(a)) {}
     ~Answer() {
         if (source != 0) g_source_remove(source);
+        if (dialog != nullptr) g_object_remove_weak_pointer(G_OBJECT(dialog), &dialog);
     }
     static gboolean tick(gpointer data) {
         Answer *self = static_cast<Answer *>(data);
-        GtkWidget *dialog = find_toplevel(self->title.c_str());
-        if (dialog == nullptr || !gtk_widget_get_mapped(dialog)) {
-            if (self->repeat && self->shown > 0) {
-                self->source = 0;
-                return FALSE;
-            }
-            return TRUE;
+        if (self->shown == 0 && (self->dialog = find_toplevel(self->title.c_str())) != nullptr) {
+            self->shown = 1;
+            g_object_add_weak_pointer(G_OBJECT(self->dialog), &self->dialog);
         }
-        pump(50); // let the first exposes through
-        self->shown++;
-        self->action(dialog);
-        if (self->repeat) return TRUE;
-        // A failed assertion inside the action may have skipped the answer: close the dialog so that
-        // the test ends instead of waiting forever.
-        if (::testing::Test::HasFatalFailure() && find_toplevel(self->title.c_str()) == dialog)
-            close_box(dialog);
+        if (self->shown == 0 || (self->dialog != nullptr && !self->act(GTK_WIDGET(self->dialog))))
+            return TRUE;
+        if (self->dialog != nullptr) g_object_remove_weak_pointer(G_OBJECT(self->dialog), &self->dialog);
+        self->dialog = nullptr;
         self->source = 0;
         return FALSE;
     }
 };
 
-// Real input through the X server's XTest extension, as from a mouse and a keyboard: the server
-// moves the pointer, holds the button during a drag and delivers the events to the window under it.
-// libXtst is loaded at run time since only its shared library is installed; it stays loaded, as the
-// display keeps its extension record.
-struct XInput {
-    typedef int (*FakeButton)(void *, unsigned int, int, unsigned long);
-    typedef int (*FakeMotion)(void *, int, int, int, unsigned long);
-    typedef int (*FakeKey)(void *, unsigned int, int, unsigned long);
-    void *lib = nullptr;
-    FakeButton fake_button = nullptr;
-    FakeMotion fake_motion = nullptr;
-    FakeKey fake_key = nullptr;
+// An act that clicks the dialog's button for response, or its close box for GTK_RESPONSE_DELETE_EVENT.
+inline std::function<bool(GtkWidget *)> respond(int response) {
+    return [response](GtkWidget *dialog) {
+        if (response == GTK_RESPONSE_DELETE_EVENT)
+            close_box(dialog);
+        else
+            gtk_button_clicked(GTK_BUTTON(gtk_dialog_get_widget_for_response(GTK_DIALOG(dialog), response)));
+        return true;
+    };
+}
 
-    XInput() {
-        lib = dlopen("libXtst.so.6", RTLD_NOW);
-        if (lib == nullptr) return;
-        fake_button = (FakeButton)dlsym(lib, "XTestFakeButtonEvent");
-        fake_motion = (FakeMotion)dlsym(lib, "XTestFakeMotionEvent");
-        fake_key = (FakeKey)dlsym(lib, "XTestFakeKeyEvent");
-    }
-    bool ok() const { return fake_button != nullptr && fake_motion != nullptr && fake_key != nullptr; }
-    void *display() const { return gdk_x11_display_get_xdisplay(gdk_display_get_default()); }
-    void sync() const {
-        gdk_flush();
-        pump(30);
-    }
+// The message of an "Error" dialog: the text of the label in the frame that is its first content.
+inline std::string framed_text(GtkWidget *dialog) {
+    GtkWidget *frame = children(gtk_dialog_get_content_area(GTK_DIALOG(dialog)))[0];
+    return gtk_label_get_text(GTK_LABEL(gtk_bin_get_child(GTK_BIN(frame))));
+}
 
-    // Moves the pointer to (x, y) of widget's allocation.
-    void move(GtkWidget *widget, int x, int y) const {
-        int ox, oy;
-        gdk_window_get_origin(gtk_widget_get_window(widget), &ox, &oy);
-        if (!gtk_widget_get_has_window(widget)) {
-            GtkAllocation a;
-            gtk_widget_get_allocation(widget, &a);
-            ox += a.x;
-            oy += a.y;
+inline GtkWidget *tool_item(int n) {
+    return GTK_WIDGET(gtk_toolbar_get_nth_item(GTK_TOOLBAR(toolbar), n));
+}
+
+// Clicks toolbar item n, as a mouse click on it does.
+inline void click(int n) {
+    g_signal_emit_by_name(tool_item(n), "clicked");
+}
+
+inline void set_view_mode(bool view) {
+    gtk_toggle_tool_button_set_active(GTK_TOGGLE_TOOL_BUTTON(tool_item(0)), view);
+    pump();
+}
+
+inline GdkCursor *canvas_cursor() {
+    return gdk_window_get_cursor(gtk_widget_get_window(drawing_area));
+}
+
+// Delivers a press of button (0: a motion) at (x, y) to the canvas, as the X server would.
+inline void send(guint button, double x, double y, guint state) {
+    GdkEvent *event = gdk_event_new(button > 0 ? GDK_BUTTON_PRESS : GDK_MOTION_NOTIFY);
+    GdkWindow *w = GDK_WINDOW(g_object_ref(gtk_widget_get_window(drawing_area)));
+    GdkDevice *d = gdk_device_get_core_pointer();
+    if (button > 0)
+        event->button = {GDK_BUTTON_PRESS, w, FALSE, 0, x, y, nullptr, state, button, d, 0, 0};
+    else
+        event->motion = {GDK_MOTION_NOTIFY, w, FALSE, 0, x, y, nullptr, state, FALSE, d, 0, 0};
+    gtk_widget_event(drawing_area, event);
+    gdk_event_free(event);
+}
+
+inline void press(double x, double y, guint button = 1, guint state = 0) {
+    send(button, x, y, state);
+}
+
+inline void motion(double x, double y, guint state) {
+    send(0, x, y, state);
+}
+
+// A left-button drag through the window points; a last motion without the button ends it.
+inline void drag(const std::vector<std::pair<int, int>> &points, guint state = 0) {
+    press(points[0].first, points[0].second, 1, state);
+    for (const auto &p : points)
+        motion(p.first, p.second, GDK_BUTTON1_MASK | state);
+    motion(points.back().first, points.back().second, 0);
+    pump();
+}
+
+// The pixel word (alpha, red, green, blue from the high byte down) of a cairo image surface.
+inline uint32_t word_at(cairo_surface_t *surface, int x, int y) {
+    cairo_surface_flush(surface);
+    guchar a = 0, r = 0, g = 0, b = 0;
+    cairoimagesurface_get_pixel(surface, x, y, &a, &r, &g, &b);
+    return (uint32_t)a << 24 | (uint32_t)r << 16 | (uint32_t)g << 8 | b;
+}
+
+inline std::vector<uint32_t> all_words(cairo_surface_t *surface) {
+    std::vector<uint32_t> words;
+    for (int y = 0; y < cairo_image_surface_get_height(surface); y++)
+        for (int x = 0; x < cairo_image_surface_get_width(surface); x++)
+            words.push_back(word_at(surface, x, y));
+    return words;
+}
+
+// A pixbuf's pixel as 0xRRGGBBAA.
+inline uint32_t rgba_at(GdkPixbuf *pixbuf, int x, int y) {
+    guchar r = 0, g = 0, b = 0, a = 0;
+    gdkpixbuf_get_pixel(pixbuf, x, y, &r, &g, &b, &a);
+    return (uint32_t)r << 24 | (uint32_t)g << 16 | (uint32_t)b << 8 | a;
+}
+
+// How many pixels of a w by h grid pred holds for.
+inline int count_pixels(int w, int h, const std::function<bool(int, int)> &pred) {
+    int n = 0;
+    for (int y = 0; y < h; y++)
+        for (int x = 0; x < w; x++)
+            n += pred(x, y);
+    return n;
+}
+
+// Writes a w by h image whose pixel (x, y) is paint(x, y) as 0xRRGGBBAA, in the gdk-pixbuf format
+// ("png" or "jpeg"); the alpha byte is dropped without has_alpha. Returns path.
+inline std::string write_image(const std::string &path, int w, int h, bool has_alpha,
+                               const std::function<uint32_t(int, int)> &paint, const char *format = "png") {
+    GdkPixbuf *pixbuf = gdk_pixbuf_new(GDK_COLORSPACE_RGB, has_alpha, 8, w, h);
+    for (int y = 0; y < h; y++)
+        for (int x = 0; x < w; x++) {
+            const uint32_t c = paint(x, y);
+            gdkpixbuf_put_pixel(pixbuf, x, y, c >> 24, c >> 16 & 255, c >> 8 & 255, c & 255);
         }
-        fake_motion(display(), -1, ox + x, oy + y, 0);
-        sync();
-    }
-    void button(bool down) const {
-        fake_button(display(), 1, down, 0);
-        sync();
-    }
-    void click(GtkWidget *widget) const {
-        GtkAllocation a;
-        gtk_widget_get_allocation(widget, &a);
-        move(widget, a.width / 2, a.height / 2);
-        button(true);
-        button(false);
-    }
-    // A left-button drag over the drawing area through the points, in window coordinates.
-    void drag(const std::vector<std::pair<int, int>> &points) const {
-        move(drawing_area, points[0].first, points[0].second);
-        button(true);
-        for (const auto &p : points)
-            move(drawing_area, p.first, p.second);
-        button(false);
-        // Strokes end with the first motion without the button.
-        move(drawing_area, points.back().first + 1, points.back().second);
-    }
-    unsigned keycode(guint keyval) const {
-        GdkKeymapKey *keys = nullptr;
-        gint n = 0;
-        unsigned code = 0;
-        if (gdk_keymap_get_entries_for_keyval(gdk_keymap_get_default(), keyval, &keys, &n) && n > 0)
-            code = keys[0].keycode;
-        g_free(keys);
-        return code;
-    }
-    // Presses and releases key with Control held, over the drawing area.
-    void control_key(guint keyval) const {
-        move(drawing_area, 5, 5);
-        unsigned control = keycode(GDK_KEY_Control_L), key = keycode(keyval);
-        fake_key(display(), control, true, 0);
-        fake_key(display(), key, true, 0);
-        fake_key(display(), key, false, 0);
-        fake_key(display(), control, false, 0);
-        sync();
-    }
-};
+    gdk_pixbuf_save(pixbuf, path.c_str(), format, nullptr, NULL);
+    g_object_unref(pixbuf);
+    return path;
+}
 
-// Standard output of the process, caught in a file while alive.
-struct CaughtStdout {
-    int saved;
-    std::string path;
-    CaughtStdout(const std::string &folder) : path(folder + "/stdout.txt") {
-        fflush(stdout);
-        saved = dup(1);
-        FILE *f = fopen(path.c_str(), "w");
-        dup2(fileno(f), 1);
-        fclose(f);
-    }
-    std::string text() {
-        fflush(stdout);
-        std::ifstream in(path, std::ios::binary);
-        std::stringstream s;
-        s << in.rdbuf();
-        return s.str();
-    }
-    ~CaughtStdout() {
-        fflush(stdout);
-        dup2(saved, 1);
-        close(saved);
-    }
-};
+// A colourful opaque test picture: every pixel differs from its neighbours.
+inline uint32_t picture(int x, int y) {
+    return (uint32_t)(x * 7 % 256) << 24 | (uint32_t)(y * 5 % 256) << 16 |
+           (uint32_t)((x + y) * 3 % 256) << 8 | 255;
+}
+
+// The canvas pixel at (x, y) as it is on the screen, 0xRRGGBB.
+inline uint32_t screen_at(int x, int y) {
+    gdk_window_process_all_updates();
+    gdk_flush();
+    GdkPixbuf *p =
+        gdk_pixbuf_get_from_drawable(nullptr, gtk_widget_get_window(drawing_area), nullptr, x, y, 0, 0, 1, 1);
+    const uint32_t c = rgba_at(p, 0, 0) >> 8;
+    g_object_unref(p);
+    return c;
+}
 
 #endif

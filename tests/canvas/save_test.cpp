@@ -1,195 +1,166 @@
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <csignal>
-#include <glib/gstdio.h>
+// Saving the layer and the image as PNG, directly and through the chooser, and copying to the clipboard.
 #include <sys/resource.h>
 
-#include "tests/canvas/canvas_session.h"
+#include <csignal>
+#include <set>
+
+#include "canvas/gtk_file_IO.h"
+#include "tests/gui_test_support.h"
 
 namespace {
 
-const std::string folder = temp_folder();
-const std::string image = write_image(folder + "/image.png", 60, 40, false, picture);
-const std::string rgba = write_image(folder + "/rgba.png", 60, 40, true,
-                                     [](int x, int y) { return (picture(x, y) & ~255u) | x * 4; });
-
-std::string stripped(std::string name) {
-    strip_file_extension(name.data());
-    return name.c_str();
+uint32_t alpha_ramp(int x, int y) {
+    return (picture(x, y) & ~255u) | x * 4;
 }
 
-// The file read back, or nullptr; the caller unrefs it.
-GdkPixbuf *load(const std::string &path) {
-    return gdk_pixbuf_new_from_file(path.c_str(), nullptr);
+// How many pixels of the PNG file differ from paint(x, y), or -1 if it is not a PNG file of 60 by 40
+// pixels with those channels.
+int differences(const std::string &path, int channels, const std::function<uint32_t(int, int)> &paint) {
+    GdkPixbuf *p = gdk_pixbuf_new_from_file(path.c_str(), nullptr);
+    if (p == nullptr || gdk_pixbuf_get_n_channels(p) != channels || gdk_pixbuf_get_width(p) != 60) return -1;
+    const int n = count_pixels(60, 40, [&](int x, int y) { return rgba_at(p, x, y) != paint(x, y); });
+    g_object_unref(p);
+    return n;
 }
 
-std::vector<std::string> files_in(const std::string &dir) {
-    std::vector<std::string> names;
-    GDir *d = g_dir_open(dir.c_str(), 0, nullptr);
+std::string files_in(const std::string &folder) {
+    std::string all;
+    GDir *d = g_dir_open(folder.c_str(), 0, nullptr);
+    std::set<std::string> names;
     while (const gchar *name = g_dir_read_name(d))
-        names.push_back(name);
+        names.insert(name);
     g_dir_close(d);
-    std::sort(names.begin(), names.end());
-    return names;
+    for (const std::string &name : names)
+        all += name + " ";
+    return all;
 }
 
-TEST(CanvasSave, StripFileExtensionCutsAtTheLastFullStop) {
-    EXPECT_EQ(stripped("result.jpg"), "result");
-    EXPECT_EQ(stripped("result"), "result");
-    EXPECT_EQ(stripped("a.b.png"), "a.b");
-    EXPECT_EQ(stripped("/tmp/my.folder/result"), "/tmp/my");
-}
-
-TEST(CanvasSave, PngsAreNamedAfterTheStemAndKeepTheirChannels) {
-    std::string out = temp_folder();
-    run_keldra({rgba}, [&] {
-        std::string name = out + "/result.jpg";
-        EXPECT_EQ(save_pixbuf_to_file(name.data(), pixbuf_alpha), 0);
-        EXPECT_EQ(name.c_str(), out + "/result") << "the caller's name loses its extension";
-        std::string dotted = out + "/a.b.png";
+TEST(CanvasSave, PngsAreNamedAfterTheStemAndReadBackAsSaved) {
+    for (const auto &[name, stem] :
+         {std::pair("result.jpg", "result"), std::pair("a.b.png", "a.b"), std::pair("result", "result"),
+          std::pair("/tmp/my.folder/result", "/tmp/my")}) {
+        std::string s = name;
+        strip_file_extension(s.data());
+        EXPECT_STREQ(s.c_str(), stem);
+    }
+    TempFolder in, out;
+    run_keldra({write_image(in.path + "/rgba.png", 60, 40, true, alpha_ramp)}, [&](GtkWidget *) {
+        std::string name = out.path + "/result.jpg", dotted = out.path + "/a.b.png",
+                    layer = out.path + "/layer";
+        EXPECT_TRUE(save_pixbuf_to_file(name.data(), pixbuf_alpha) == 0 &&
+                    name.c_str() == out.path + "/result");
         EXPECT_EQ(save_pixbuf_to_file(dotted.data(), pixbuf_no_alpha), 0);
-        EXPECT_EQ(files_in(out), std::vector<std::string>({"a.b.png", "result.png"}));
-
-        GdkPixbuf *with_alpha = load(out + "/result.png"), *without = load(out + "/a.b.png");
-        ASSERT_TRUE(with_alpha != nullptr && without != nullptr);
-        EXPECT_EQ(gdk_pixbuf_get_n_channels(with_alpha), 4);
-        EXPECT_EQ(gdk_pixbuf_get_n_channels(without), 3);
-        for (int y = 0; y < 40; y++)
-            for (int x = 0; x < 60; x++) {
-                ASSERT_EQ(rgba_at(with_alpha, x, y), rgba_at(pixbuf_alpha, x, y));
-                ASSERT_EQ(rgba_at(without, x, y), picture(x, y));
-            }
-        g_object_unref(with_alpha);
-        g_object_unref(without);
-
+        EXPECT_EQ(files_in(out.path), "a.b.png result.png ");
+        EXPECT_EQ(differences(out.path + "/result.png", 4, alpha_ramp), 0);
+        EXPECT_EQ(differences(out.path + "/a.b.png", 3, picture), 0);
         // The layer comes back unchanged through "Open as layer".
         drag({{5, 5}, {50, 30}});
-        std::vector<uint32_t> painted = all_words(surf_layer);
-        std::string layer = out + "/layer";
+        const std::vector<uint32_t> painted = all_words(surf_layer);
         EXPECT_EQ(save_surface_to_file(layer.data(), nullptr), 0);
-        GdkPixbuf *back = load(out + "/layer.png");
-        ASSERT_NE(back, nullptr);
-        EXPECT_EQ(gdk_pixbuf_get_n_channels(back), 4);
-        EXPECT_EQ(rgba_at(back, 0, 39), 0u);
-        EXPECT_EQ(rgba_at(back, 5, 5), 0xFFFFFFFFu);
-        g_object_unref(back);
-        ASSERT_EQ(open_image_file((out + "/layer.png").c_str(), OPEN_AS_LAYER, toolbar), 0);
-        EXPECT_EQ(all_words(surf_layer), painted);
+        ASSERT_EQ(open_image_file((layer + ".png").c_str(), OPEN_AS_LAYER, toolbar), 0);
+        EXPECT_TRUE(all_words(surf_layer) == painted && painted[5 * 60 + 5] == 0xFFFFFFFF &&
+                    painted.back() == 0);
     });
 }
 
 TEST(CanvasSave, AFailedSaveLeavesTheExistingFileIntactAndSaysWhy) {
-    std::string out = temp_folder();
-    std::string noise = write_image(folder + "/noise.png", 300, 300, false, [](int x, int y) {
+    TempFolder in, out;
+    const std::string noise = write_image(in.path + "/noise.png", 300, 300, false, [](int x, int y) {
         return (uint32_t)(x * 7919u ^ y * 104729u) * 2654435761u | 255;
     });
-    run_keldra({noise}, [&] {
-        std::string kept = out + "/keep.png";
+    run_keldra({noise}, [&](GtkWidget *) {
+        std::string kept = out.path + "/keep.png", layer = out.path + "/layer";
         g_file_set_contents(kept.c_str(), "precious", -1, nullptr);
-        struct rlimit old_limit, small = {4096, 0};
+        struct rlimit old_limit, small;
         getrlimit(RLIMIT_FSIZE, &old_limit);
-        small.rlim_max = old_limit.rlim_max;
+        small = {4096, old_limit.rlim_max};
         signal(SIGXFSZ, SIG_IGN);
         setrlimit(RLIMIT_FSIZE, &small);
-        std::string name = kept;
-        int status = save_pixbuf_to_file(name.data(), pixbuf_no_alpha);
+        EXPECT_EQ(save_pixbuf_to_file(kept.data(), pixbuf_no_alpha), 1)
+            << "too large for the file size limit";
         setrlimit(RLIMIT_FSIZE, &old_limit);
-        EXPECT_EQ(status, 1);
-
         gchar *contents = nullptr;
-        g_file_get_contents(kept.c_str(), &contents, nullptr, nullptr);
+        g_file_get_contents((out.path + "/keep.png").c_str(), &contents, nullptr, nullptr);
         EXPECT_STREQ(contents, "precious");
         g_free(contents);
-        EXPECT_EQ(files_in(out), std::vector<std::string>({"keep.png"})) << "no temporary file is left";
-        GList *children = gtk_container_get_children(
-            GTK_CONTAINER(gtk_statusbar_get_message_area(GTK_STATUSBAR(status_bar))));
-        std::string text = gtk_label_get_text(GTK_LABEL(children->data));
-        g_list_free(children);
+        EXPECT_EQ(files_in(out.path), "keep.png ") << "no temporary file is left";
+        const std::string text = gtk_label_get_text(
+            GTK_LABEL(children(gtk_statusbar_get_message_area(GTK_STATUSBAR(status_bar)))[0]));
         EXPECT_EQ(text.rfind("File open error: ", 0), 0u) << text;
-
         // A layer that cannot replace its target (here a folder of that name) is not written either.
-        g_mkdir((out + "/layer.png").c_str(), 0755);
-        g_file_set_contents((out + "/layer.png/inside").c_str(), "x", -1, nullptr);
-        std::string layer = out + "/layer";
+        g_mkdir_with_parents((layer + ".png/inside").c_str(), 0755);
         EXPECT_EQ(save_surface_to_file(layer.data(), nullptr), 1);
-        EXPECT_EQ(files_in(out), std::vector<std::string>({"keep.png", "layer.png"}));
+        EXPECT_EQ(files_in(out.path), "keep.png layer.png ");
     });
 }
 
-TEST(CanvasSave, DialogSavesTheLayerOrTheImageByModeAndProposesTheLastName) {
-    std::string out = temp_folder();
-    run_keldra({rgba}, [&] {
+// Answers the "Save File" chooser with name in folder and response, again until it closes.
+std::function<bool(GtkWidget *)> save_as(const std::string &folder, const std::string &name, int response) {
+    return [=](GtkWidget *dialog) {
+        GtkFileChooser *chooser = GTK_FILE_CHOOSER(dialog);
+        gchar *chosen = gtk_file_chooser_get_filename(chooser);
+        if (chosen != nullptr && folder + "/" + name == chosen) {
+            gtk_dialog_response(GTK_DIALOG(dialog), response);
+        } else {
+            gtk_file_chooser_set_current_folder(chooser, folder.c_str());
+            gtk_file_chooser_set_current_name(chooser, name.c_str());
+        }
+        g_free(chosen);
+        return false;
+    };
+}
+
+// In edit mode the chooser saves the layer, or the image without alpha through its "Save image" button
+// (response 2); in view mode the image with its matte.
+TEST(CanvasSave, DialogSavesTheLayerOrTheImageByModeAndAsksBeforeReplacing) {
+    TempFolder in, out;
+    run_keldra({write_image(in.path + "/rgba.png", 60, 40, true, alpha_ramp)}, [&](GtkWidget *) {
         drag({{5, 5}, {50, 30}});
-        choose_to_save(out, "strokes.jpg", GTK_RESPONSE_ACCEPT);
-        g_signal_emit_by_name(tool_item(2), "clicked");
-        choose_to_save(out, "photo", 2);
-        g_signal_emit_by_name(tool_item(2), "clicked");
-        gtk_toggle_tool_button_set_active(GTK_TOGGLE_TOOL_BUTTON(tool_item(0)), TRUE);
-        choose_to_save(out, "matte.png", GTK_RESPONSE_ACCEPT);
-        g_signal_emit_by_name(tool_item(2), "clicked");
-        EXPECT_EQ(files_in(out), std::vector<std::string>({"matte.png", "photo.png", "strokes.png"}));
-        GdkPixbuf *layer = load(out + "/strokes.png"), *photo = load(out + "/photo.png"),
-                  *matte = load(out + "/matte.png");
-        ASSERT_TRUE(layer && photo && matte);
-        EXPECT_EQ(rgba_at(layer, 5, 5), 0xFFFFFFFFu);
-        EXPECT_EQ(gdk_pixbuf_get_n_channels(photo), 3) << "the image without alpha";
-        EXPECT_EQ(rgba_at(matte, 10, 3), rgba_at(pixbuf_alpha, 10, 3));
-        g_object_unref(layer);
-        g_object_unref(photo);
-        g_object_unref(matte);
-
-        std::string proposed;
-        answer("Save File", [&, ticks = 0](GtkWidget *dialog) mutable {
-            // The chooser reads the proposed folder in the background; give it up to 5 s.
-            gchar *name = gtk_file_chooser_get_filename(GTK_FILE_CHOOSER(dialog));
-            proposed = name != nullptr ? name : "";
-            g_free(name);
-            if (proposed.rfind(out + "/matte", 0) != 0 && ++ticks < 100) return false;
-            gtk_dialog_response(GTK_DIALOG(dialog), GTK_RESPONSE_CANCEL);
-            return false;
-        });
-        g_signal_emit_by_name(tool_item(2), "clicked");
-        // Proposed without its extension; the chooser's inline completion may add it back from the folder.
-        EXPECT_TRUE(proposed == out + "/matte" || proposed == out + "/matte.png") << proposed;
-
+        const std::vector<uint32_t> painted = all_words(surf_layer);
+        for (const auto &[view, name, response] :
+             {std::tuple(false, "strokes.jpg", (int)GTK_RESPONSE_ACCEPT), std::tuple(false, "photo", 2),
+              std::tuple(true, "matte.png", (int)GTK_RESPONSE_ACCEPT)}) {
+            set_view_mode(view);
+            Answer save("Save File", save_as(out.path, name, response));
+            click(2);
+        }
+        EXPECT_EQ(differences(out.path + "/photo.png", 3, picture), 0);
+        EXPECT_EQ(differences(out.path + "/matte.png", 4, alpha_ramp), 0);
+        EXPECT_EQ(
+            differences(out.path + "/strokes.png", 4, [&](int x, int y) { return painted[y * 60 + x]; }), 0)
+            << "opaque white and clear read the same in both byte orders";
         // Saving as photo.jpg would replace photo.png: the user is asked first.
-        gtk_toggle_tool_button_set_active(GTK_TOGGLE_TOOL_BUTTON(tool_item(0)), FALSE);
-        g_file_set_contents((out + "/photo.png").c_str(), "older", -1, nullptr);
+        set_view_mode(false);
+        g_file_set_contents((out.path + "/photo.png").c_str(), "older", -1, nullptr);
         for (int reply : {GTK_RESPONSE_CANCEL, GTK_RESPONSE_ACCEPT}) {
-            choose_to_save(out, "photo.jpg", 2);
-            answer("Replace File", [reply](GtkWidget *dialog) {
-                gtk_dialog_response(GTK_DIALOG(dialog), reply);
-                return true;
-            });
-            g_signal_emit_by_name(tool_item(2), "clicked");
-            GdkPixbuf *saved = load(out + "/photo.png");
-            EXPECT_EQ(saved != nullptr, reply == GTK_RESPONSE_ACCEPT);
-            if (saved != nullptr) g_object_unref(saved);
+            Answer save("Save File", save_as(out.path, "photo.jpg", 2)),
+                replace("Replace File", respond(reply));
+            click(2);
+            EXPECT_TRUE(replace.shown && (differences(out.path + "/photo.png", 3, picture) == 0) ==
+                                             (reply != GTK_RESPONSE_CANCEL));
         }
     });
 }
 
-TEST(CanvasSave, CopyPutsTheRegionOnTheClipboard) {
-    run_keldra({image}, [] {
-        gtk_toggle_tool_button_set_active(GTK_TOGGLE_TOOL_BUTTON(tool_item(0)), TRUE);
-        drag({{10, 12}, {29, 21}});
-        pixbuf_to_clipboard(nullptr, nullptr);
-        GdkPixbuf *copied = gtk_clipboard_wait_for_image(gtk_clipboard_get(GDK_SELECTION_CLIPBOARD));
-        ASSERT_NE(copied, nullptr);
-        EXPECT_EQ(gdk_pixbuf_get_width(copied), 20);
-        EXPECT_EQ(gdk_pixbuf_get_height(copied), 10);
-        for (int y = 0; y < 10; y++)
-            for (int x = 0; x < 20; x++)
-                ASSERT_EQ(rgba_at(copied, x, y) | 255, picture(10 + x, 12 + y));
-        g_object_unref(copied);
-
-        press(0, 0);
-        pixbuf_to_clipboard(nullptr, nullptr);
-        copied = gtk_clipboard_wait_for_image(gtk_clipboard_get(GDK_SELECTION_CLIPBOARD));
-        ASSERT_NE(copied, nullptr);
-        EXPECT_EQ(gdk_pixbuf_get_width(copied), 60) << "a click selects the whole image again";
-        g_object_unref(copied);
+TEST(CanvasSave, CopyPutsTheRegionOrElseTheWholeImageOnTheClipboard) {
+    TempFolder in;
+    run_keldra({write_image(in.path + "/image.png", 60, 40, false, picture)}, [](GtkWidget *) {
+        set_view_mode(true);
+        for (int whole : {0, 1}) {
+            whole ? press(0, 0) : drag({{10, 12}, {29, 21}}); // a click selects the whole image again
+            pixbuf_to_clipboard(nullptr, nullptr);
+            GdkPixbuf *copy = gtk_clipboard_wait_for_image(gtk_clipboard_get(GDK_SELECTION_CLIPBOARD));
+            ASSERT_NE(copy, nullptr);
+            const int w = gdk_pixbuf_get_width(copy), h = gdk_pixbuf_get_height(copy), x0 = whole ? 0 : 10;
+            EXPECT_TRUE(w == (whole ? 60 : 20) && h == (whole ? 40 : 10));
+            EXPECT_EQ(count_pixels(w, h,
+                                   [&](int x, int y) {
+                                       return (rgba_at(copy, x, y) | 255) !=
+                                              picture(x0 + x, y + (whole ? 0 : 12));
+                                   }),
+                      0);
+            g_object_unref(copy);
+        }
     });
 }
 
