@@ -2,191 +2,97 @@
 // files they write).
 #include "numeric/diagnostics.h"
 
-#include "numeric/arrays.h"
+#include "tests/numeric/numeric_test_support.h"
 
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <cstdlib>
 #include <string>
-#include <unistd.h>
+#include <vector>
 
 namespace {
 
-// What fn writes to a memory stream.
-template <typename Fn> std::string written_by(Fn fn) {
-    char *buf = nullptr;
-    size_t size = 0;
-    FILE *f = open_memstream(&buf, &size);
-    fn(f);
-    std::fclose(f);
-    std::string s(buf, size);
-    std::free(buf);
-    return s;
-}
-
-template <typename T> T **array_of(int rows, int cols, std::initializer_list<T> values) {
-    T **a = reinterpret_cast<T **>(get_img(cols, rows, sizeof(T)));
-    auto v = values.begin();
-    for (int i = 0; i < rows; i++)
-        for (int j = 0; j < cols; j++)
-            a[i][j] = *v++;
-    return a;
-}
-
-TEST(Diagnostics, TablesLeaveZeroCellsEmpty) {
-    double **a = array_of<double>(2, 3, {0.0, 1.5, -2.0, NAN, 0.0, 1e-7});
-    EXPECT_EQ(written_by([&](FILE *f) { fprintMX(f, a, 2, 3); }), "\t1.5\t-2\t\nnan\t\t1e-07\t\n");
-
-    int **ia = array_of<int>(2, 2, {0, 3, -4, 0});
-    EXPECT_EQ(written_by([&](FILE *f) { fprintiMX(f, ia, 2, 2); }), "\t3\t\n-4\t\t\n");
-
-    double **sq = array_of<double>(2, 2, {1.0, 0.0, 0.0, 2.0});
-    const double b[] = {5.0, -0.5};
-    EXPECT_EQ(written_by([&](FILE *f) { fprintsqMXxV(f, sq, b, 2); }), "1\t\t5\n\t2\t-0.5\n");
-    free_img(reinterpret_cast<void **>(a));
-    free_img(reinterpret_cast<void **>(ia));
-    free_img(reinterpret_cast<void **>(sq));
-}
-
-TEST(Diagnostics, PrintedMatricesAndVectorsAreExact) {
-    const double flat[] = {1.0, 2.0, 3.0, 0.25, 0.0, -6.0};
-    testing::internal::CaptureStdout();
-    printMX(flat, 2, 3);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), " 1 2 3\n 0.25 0 -6\n");
-
-    double **a = array_of<double>(3, 3, {1, 2, 3, 4, 5, 6, 7, 8, 9});
-    testing::internal::CaptureStdout();
-    printsubMX(a, 2, 1, 1, 2);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "\toffset: 1,2 size: 2,1\n 6\n 9\n");
-    free_img(reinterpret_cast<void **>(a));
-
-    const int iv[] = {3, -1, 0};
-    const double dv[] = {0.5, 1e20};
-    testing::internal::CaptureStdout();
-    printiV(iv, 3);
-    printdV(dv, 2);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), " 3 -1 0\n 0.5 1e+20\n");
-}
-
-class DiagnosticsImages : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        char tmpl[] = "/tmp/keldra_diag_XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        dir = tmpl;
+// A rows x cols array over the given values, addressed a[row][col] like those of numeric/arrays.h.
+template <typename T> struct Array {
+    std::vector<T> values;
+    std::vector<T *> rows;
+    Array(int height, int width, std::initializer_list<T> v) : values(v) {
+        for (int r = 0; r < height; r++)
+            rows.push_back(&values[size_t(r * width)]);
     }
-    void TearDown() override { std::system(("rm -rf " + dir).c_str()); }
-    std::string path(const char *name) const { return dir + "/" + name; }
-
-    // Reads a TIFF file back; the record is the caller's to free.
-    static bool read_back(const std::string &p, TIFF_img *img) {
-        FILE *f = std::fopen(p.c_str(), "rb");
-        if (f == nullptr) return false;
-        int status = read_TIFF(f, img);
-        std::fclose(f);
-        return status == 0;
-    }
-
-    std::string dir;
+    operator T **() { return rows.data(); }
 };
 
-TEST_F(DiagnosticsImages, GreyImagesHoldScaledTruncatedClampedValues) {
-    // 255 * value truncated: 0.5 -> 127.5 -> 127, 0.999 -> 254.7 -> 254, 0.002 -> 0.51 -> 0.
-    double **a = array_of<double>(2, 4, {-0.5, 0.0, 0.5, 1.0, 2.0, NAN, 0.999, 0.002});
-    const int expected[2][4] = {{0, 0, 127, 255}, {255, 0, 254, 0}};
-    std::string p = path("normalised.tif");
-    normalised_array_to_grey_img(p.c_str(), a, 4, 2);
-    TIFF_img img;
-    ASSERT_TRUE(read_back(p, &img));
-    EXPECT_EQ(img.TIFF_type, 'g');
-    ASSERT_EQ(img.height, 2);
-    ASSERT_EQ(img.width, 4);
-    for (int y = 0; y < 2; y++)
-        for (int x = 0; x < 4; x++)
-            EXPECT_EQ(img.mono[y][x], expected[y][x]) << y << "," << x;
-    free_TIFF(&img);
-    free_img(reinterpret_cast<void **>(a));
-
-    int **mask = array_of<int>(1, 5, {0, 1, 2, -1, 100000000});
-    p = path("mask.tif");
-    boolean_array_to_grey_img(p.c_str(), mask, 5, 1);
-    ASSERT_TRUE(read_back(p, &img));
-    const int mask_expected[5] = {0, 255, 255, 0, 255};
-    for (int x = 0; x < 5; x++)
-        EXPECT_EQ(img.mono[0][x], mask_expected[x]) << x;
-    free_TIFF(&img);
-    free_img(reinterpret_cast<void **>(mask));
+TEST(Diagnostics, PrintedTablesAreExactAndLeaveZeroCellsEmpty) {
+    Array<double> a(2, 3, {0.0, 1.5, -2.0, NAN, 0.0, 1e-7});
+    Array<int> ia(2, 2, {0, 3, -4, 0});
+    const double b[] = {5.0, -0.5}, flat[] = {1.0, 2.0, 3.0, 0.25, 0.0, -6.0};
+    const int iv[] = {3, -1, 0};
+    testing::internal::CaptureStdout();
+    fprintMX(stdout, a, 2, 3);
+    fprintiMX(stdout, ia, 2, 2);
+    fprintsqMXxV(stdout, a, b, 2);
+    printMX(flat, 2, 3);
+    printsubMX(a, 2, 1, 0, 2);
+    printiV(iv, 3);
+    printdV(flat + 3, 2);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+              "\t1.5\t-2\t\nnan\t\t1e-07\t\n\t3\t\n-4\t\t\n\t1.5\t5\nnan\t\t-0.5\n"
+              " 1 2 3\n 0.25 0 -6\n\toffset: 0,2 size: 2,1\n -2\n 1e-07\n 3 -1 0\n 0.25 0\n");
 }
 
-TEST_F(DiagnosticsImages, ColourRecordsAndAlphaAreWritten) {
-    TIFF_img rgba;
-    ASSERT_EQ(get_TIFF(&rgba, 2, 3, 'a'), 0);
-    for (int c = 0; c < 4; c++)
-        for (int y = 0; y < 2; y++)
-            for (int x = 0; x < 3; x++)
-                rgba.color[c][y][x] = static_cast<uint8_t>(40 * c + 10 * y + x);
-    int **alpha = array_of<int>(2, 3, {0, 255, 256, 7, -1, 128});
-    std::string p = path("rgba.tif");
-    write_TIFF_a(p.c_str(), &rgba, alpha);
-    // The alpha plane keeps each value as a byte.
-    const int alpha_expected[2][3] = {{0, 255, 0}, {7, 255, 128}};
-    for (int y = 0; y < 2; y++)
-        for (int x = 0; x < 3; x++)
-            EXPECT_EQ(rgba.color[3][y][x], alpha_expected[y][x]);
-    TIFF_img back;
-    ASSERT_TRUE(read_back(p, &back));
-    EXPECT_EQ(back.TIFF_type, 'c');
-    for (int c = 0; c < 3; c++)
-        for (int y = 0; y < 2; y++)
-            for (int x = 0; x < 3; x++)
-                EXPECT_EQ(back.color[c][y][x], rgba.color[c][y][x]);
-    free_TIFF(&back);
-    std::free(back.color);
+// The TIFF file at path read back (TIFF_type 0 when it cannot be read); the caller releases it.
+TIFF_img read_back(const std::string &path) {
+    TIFF_img img{};
+    FILE *f = std::fopen(path.c_str(), "rb");
+    if (f == nullptr || read_TIFF(f, &img) != 0) img.TIFF_type = 0;
+    if (f != nullptr) std::fclose(f);
+    return img;
+}
 
-    // The same colour planes through write_TIFF_img as a 'c' record.
-    rgba.TIFF_type = 'c';
-    p = path("rgb.tif");
-    write_TIFF_img(p.c_str(), &rgba);
-    ASSERT_TRUE(read_back(p, &back));
-    EXPECT_EQ(back.color[2][1][2], rgba.color[2][1][2]);
-    free_TIFF(&back);
-    std::free(back.color);
-    rgba.TIFF_type = 'a';
-    free_TIFF(&rgba);
-    std::free(rgba.color);
+using Bytes = std::vector<uint8_t>;
 
-    // Any other type is reported and written as it is.
-    TIFF_img grey;
-    ASSERT_EQ(get_TIFF(&grey, 1, 2, 'g'), 0);
-    grey.mono[0][0] = 9;
-    grey.mono[0][1] = 200;
-    p = path("grey.tif");
+// Grey pixels are 255 * value truncated and clamped (0.5 -> 127.5 -> 127, 0.999 -> 254, 0.002 -> 0,
+// NaN -> 0). write_TIFF_a keeps each alpha value as a byte in the fourth plane and writes the colour
+// planes as an RGB file; a record of another type is reported and written as it is.
+TEST(Diagnostics, ImageDumpsHoldTheArraysValues) {
+    TempDir tmp;
+    Array<double> a(2, 4, {-0.5, 0.0, 0.5, 1.0, 2.0, NAN, 0.999, 0.002});
+    Array<int> mask(1, 5, {0, 1, 2, -1, 100000000}), alpha(2, 3, {0, 255, 256, 7, -1, 128});
+    normalised_array_to_grey_img(tmp.path("n.tif").c_str(), a, 4, 2);
+    boolean_array_to_grey_img(tmp.path("b.tif").c_str(), mask, 5, 1);
+    TIFF_img n = read_back(tmp.path("n.tif")), b = read_back(tmp.path("b.tif"));
+    ASSERT_TRUE(n.TIFF_type == 'g' && n.height == 2 && n.width == 4 && b.TIFF_type == 'g' && b.width == 5);
+    EXPECT_EQ(Bytes(n.mono[0], n.mono[0] + 8), (Bytes{0, 0, 127, 255, 255, 0, 254, 0}));
+    EXPECT_EQ(Bytes(b.mono[0], b.mono[0] + 5), (Bytes{0, 255, 255, 0, 255}));
+
+    TIFF_img rgba = make_image('a', 2, 3), colour = rgba, grey = make_image('g', 1, 1);
+    write_TIFF_a(tmp.path("rgba.tif").c_str(), &rgba, alpha);
+    EXPECT_EQ(Bytes(rgba.color[3][0], rgba.color[3][0] + 6), (Bytes{0, 255, 0, 7, 255, 128}));
+    TIFF_img back = read_back(tmp.path("rgba.tif"));
+    colour.TIFF_type = 'c';
+    EXPECT_TRUE(same_image(back, colour));
     testing::internal::CaptureStderr();
-    write_TIFF_a(p.c_str(), &grey, alpha);
+    write_TIFF_a(tmp.path("grey.tif").c_str(), &grey, alpha);
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
               "\nwrite_TIFF_a reguires struct TIFF_img of TIFF_type \"a\"");
-    ASSERT_TRUE(read_back(p, &back));
-    EXPECT_EQ(back.mono[0][1], 200);
-    free_TIFF(&back);
-    free_TIFF(&grey);
-    free_img(reinterpret_cast<void **>(alpha));
+    TIFF_img back_grey = read_back(tmp.path("grey.tif"));
+    EXPECT_TRUE(same_image(back_grey, grey));
+    for (TIFF_img *image : {&n, &b, &back, &back_grey, &grey, &rgba})
+        release(image);
 }
 
-TEST_F(DiagnosticsImages, FailuresEndTheProcess) {
-    double **a = array_of<double>(1, 1, {0.5});
-    std::string missing = path("no/such/folder.tif");
-    EXPECT_EXIT(normalised_array_to_grey_img(missing.c_str(), a, 1, 1), ::testing::ExitedWithCode(1),
+TEST(DiagnosticsDeathTest, FailuresEndTheProcessWithStatusOne) {
+    TempDir tmp;
+    Array<double> a(1, 1, {0.5});
+    const std::string missing = tmp.path("no/such/folder.tif"), p = tmp.path("alpha.tif");
+    EXPECT_EXIT(normalised_array_to_grey_img(missing.c_str(), a, 1, 1), testing::ExitedWithCode(1),
                 "^cannot open file " + missing + "\n$");
     // The TIFF writer refuses an 'a' record: the file is opened but cannot be written.
-    TIFF_img rgba;
-    ASSERT_EQ(get_TIFF(&rgba, 1, 1, 'a'), 0);
-    std::string p = path("alpha.tif");
-    EXPECT_EXIT(write_TIFF_img(p.c_str(), &rgba), ::testing::ExitedWithCode(1),
+    TIFF_img rgba = make_image('a', 1, 1);
+    EXPECT_EXIT(write_TIFF_img(p.c_str(), &rgba), testing::ExitedWithCode(1),
                 "error writing TIFF file " + p + "\n$");
-    free_TIFF(&rgba);
-    std::free(rgba.color);
-    free_img(reinterpret_cast<void **>(a));
+    release(&rgba);
 }
 
 } // namespace
