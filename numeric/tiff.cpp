@@ -247,7 +247,7 @@ int GetStrip(const TIFF_img *img, const DataLocation *loc, uint32_t strip, std::
                 *out++ = g[col];
                 *out++ = b[col];
             }
-        } else {
+        } else if (width > 0) {
             std::memcpy(out, img->mono[row], size_t(width));
             out += width;
         }
