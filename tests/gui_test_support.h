@@ -49,24 +49,24 @@ inline bool wait_until(const std::function<bool()> &cond, int timeout_ms) {
     return true;
 }
 
-inline std::vector<GtkWidget *> children(GtkWidget *container) {
+// The widgets of a list, which is freed.
+inline std::vector<GtkWidget *> widgets(GList *list) {
     std::vector<GtkWidget *> out;
-    GList *list = gtk_container_get_children(GTK_CONTAINER(container));
     for (GList *l = list; l != nullptr; l = l->next)
         out.push_back(GTK_WIDGET(l->data));
     g_list_free(list);
     return out;
 }
 
+inline std::vector<GtkWidget *> children(GtkWidget *container) {
+    return widgets(gtk_container_get_children(GTK_CONTAINER(container)));
+}
+
 // The mapped toplevel titled title.
 inline GtkWidget *find_toplevel(const char *title) {
     GtkWidget *found = nullptr;
-    GList *all = gtk_window_list_toplevels();
-    for (GList *l = all; l != nullptr; l = l->next)
-        if (g_strcmp0(gtk_window_get_title(GTK_WINDOW(l->data)), title) == 0 &&
-            gtk_widget_get_mapped(GTK_WIDGET(l->data)))
-            found = GTK_WIDGET(l->data);
-    g_list_free(all);
+    for (GtkWidget *w : widgets(gtk_window_list_toplevels()))
+        if (g_strcmp0(gtk_window_get_title(GTK_WINDOW(w)), title) == 0 && gtk_widget_get_mapped(w)) found = w;
     return found;
 }
 
@@ -91,71 +91,54 @@ struct TempFolder {
     }
 };
 
-// Runs `keldra ARGS...` in this process with HOME in home (a fresh folder when empty) and ICON_DIR
-// icons (unset when null). session runs from the main loop once the window is shown; the window is
-// then closed by its close box. Globals that start-up leaves alone are first put back to their initial
-// values, so that runs in one process do not see each other's zoom, mode, brush or region.
-inline void run_keldra(const std::vector<std::string> &args, std::function<void(GtkWidget *)> session,
-                       const std::string &home = "", const char *icons = KELDRA_SOURCE_DIR "/icons") {
-    TempFolder fresh;
-    const std::string saved_home = getenv("HOME");
-    setenv("HOME", home.empty() ? fresh.path.c_str() : home.c_str(), 1);
-    g_mkdir_with_parents((fresh.path + "/.local/share").c_str(), 0700);
-    if (icons != nullptr) setenv("ICON_DIR", icons, 1);
-    scale = 1.0, radius = 5.0, cursor_x = cursor_y = -5.0;
-    in_edit_mode = finished_stroke = ok_to_calc = 1, calc_ROI_is_set = 0;
-    red = green = blue = alpha = 1.0, left_x = top_y = selection_w = selection_h = 0.0;
-    x_img_ROI = y_img_ROI = w_img_ROI = h_img_ROI = 0;
-    g_timeout_add(
-        50,
-        [](gpointer data) -> gboolean {
-            GtkWidget *window = find_toplevel("Orvanto");
-            if (window == nullptr) return TRUE;
-            pump(100); // the first exposes
-            (*static_cast<std::function<void(GtkWidget *)> *>(data))(window);
-            close_box(window);
-            return FALSE;
-        },
-        &session);
-    std::vector<char *> argv = {const_cast<char *>("keldra")};
-    for (const std::string &a : args)
-        argv.push_back(const_cast<char *>(a.c_str()));
-    argv.push_back(nullptr);
-    EXPECT_EQ(keldra_main((int)args.size() + 1, argv.data()), 0);
-    setenv("HOME", saved_home.c_str(), 1);
-    unsetenv("ICON_DIR");
-}
-
-// Answers the next dialog titled title to show up: act runs on it every 50 ms until it returns true
-// (a save chooser may let a response pass, so acting again must be harmless) or the dialog is gone.
-// shown tells whether it came. The timeout goes with the object, so a dialog that never came leaves
-// nothing pending.
+// Answers the dialog titled title while it shows: act runs on it every 50 ms until it returns true (a save
+// chooser may let a response pass, so acting again must be harmless) or the dialog is gone. shown tells
+// whether it came. The timeout goes with the object, so a dialog that never came leaves nothing pending.
 struct Answer {
     std::string title;
     std::function<bool(GtkWidget *)> act;
-    int shown = 0;
-    gpointer dialog = nullptr;
+    bool shown = false;
     guint source = g_timeout_add(50, tick, this);
 
     Answer(const char *t, std::function<bool(GtkWidget *)> a) : title(t), act(std::move(a)) {}
     ~Answer() {
         if (source != 0) g_source_remove(source);
-        if (dialog != nullptr) g_object_remove_weak_pointer(G_OBJECT(dialog), &dialog);
     }
     static gboolean tick(gpointer data) {
         Answer *self = static_cast<Answer *>(data);
-        if (self->shown == 0 && (self->dialog = find_toplevel(self->title.c_str())) != nullptr) {
-            self->shown = 1;
-            g_object_add_weak_pointer(G_OBJECT(self->dialog), &self->dialog);
-        }
-        if (self->shown == 0 || (self->dialog != nullptr && !self->act(GTK_WIDGET(self->dialog))))
-            return TRUE;
-        if (self->dialog != nullptr) g_object_remove_weak_pointer(G_OBJECT(self->dialog), &self->dialog);
-        self->dialog = nullptr;
+        GtkWidget *dialog = find_toplevel(self->title.c_str());
+        if (dialog != nullptr) self->shown = true;
+        if (dialog == nullptr ? !self->shown : !self->act(dialog)) return TRUE;
         self->source = 0;
         return FALSE;
     }
 };
+
+// Runs `keldra ARGS...` in this process with HOME in home (a fresh folder when empty) and ICON_DIR
+// icons (left as it is when null). session runs from the main loop once the window is shown; the window is
+// then closed by its close box. Globals that start-up leaves alone are first put back to their initial
+// values, so that runs in one process do not see each other's zoom, mode, brush or region.
+inline void run_keldra(const std::vector<std::string> &args, std::function<void(GtkWidget *)> session,
+                       const std::string &home = "", const char *icons = KELDRA_SOURCE_DIR "/icons") {
+    TempFolder fresh;
+    setenv("HOME", home.empty() ? fresh.path.c_str() : home.c_str(), 1);
+    if (icons != nullptr) setenv("ICON_DIR", icons, 1);
+    scale = 1.0, radius = 5.0, cursor_x = cursor_y = -5.0;
+    in_edit_mode = finished_stroke = ok_to_calc = 1, calc_ROI_is_set = 0;
+    red = green = blue = alpha = 1.0, left_x = top_y = selection_w = selection_h = 0.0;
+    x_img_ROI = y_img_ROI = w_img_ROI = h_img_ROI = 0;
+    Answer main_window("Orvanto", [&](GtkWidget *window) {
+        pump(100); // the first exposes
+        session(window);
+        close_box(window);
+        return true;
+    });
+    std::vector<char *> argv = {const_cast<char *>("keldra")};
+    for (const std::string &a : args)
+        argv.push_back(const_cast<char *>(a.c_str()));
+    argv.push_back(nullptr);
+    EXPECT_EQ(keldra_main((int)args.size() + 1, argv.data()), 0);
+}
 
 // An act that clicks the dialog's button for response, or its close box for GTK_RESPONSE_DELETE_EVENT.
 inline std::function<bool(GtkWidget *)> respond(int response) {
@@ -181,6 +164,11 @@ inline GtkWidget *tool_item(int n) {
 // Clicks toolbar item n, as a mouse click on it does.
 inline void click(int n) {
     g_signal_emit_by_name(tool_item(n), "clicked");
+}
+
+// Sets the spin button of toolbar item n (9 the zoom, 13 the brush size) as the user would.
+inline void set_spin(int n, double value) {
+    gtk_spin_button_set_value(GTK_SPIN_BUTTON(gtk_bin_get_child(GTK_BIN(tool_item(n)))), value);
 }
 
 inline void set_view_mode(bool view) {
@@ -252,6 +240,17 @@ inline int count_pixels(int w, int h, const std::function<bool(int, int)> &pred)
         for (int x = 0; x < w; x++)
             n += pred(x, y);
     return n;
+}
+
+// How many pixels of a cairo surface (words 0xAARRGGBB) or of a pixbuf (0xRRGGBBAA) differ from want(x, y).
+inline int differences(cairo_surface_t *s, const std::function<uint32_t(int, int)> &want) {
+    auto differs = [&](int x, int y) { return word_at(s, x, y) != want(x, y); };
+    return count_pixels(cairo_image_surface_get_width(s), cairo_image_surface_get_height(s), differs);
+}
+
+inline int differences(GdkPixbuf *p, const std::function<uint32_t(int, int)> &want) {
+    auto differs = [&](int x, int y) { return rgba_at(p, x, y) != want(x, y); };
+    return count_pixels(gdk_pixbuf_get_width(p), gdk_pixbuf_get_height(p), differs);
 }
 
 // Writes a w by h image whose pixel (x, y) is paint(x, y) as 0xRRGGBBAA, in the gdk-pixbuf format

@@ -32,22 +32,6 @@ TEST(Pixels, PixbufPixelsRoundTripAsRawBytesAndOutOfRangeAccessIsASilentNoOp) {
     g_object_unref(rgb);
 }
 
-TEST(Pixels, SurfaceWordsRoundTripInCairoByteOrder) {
-    for (cairo_format_t format : {CAIRO_FORMAT_ARGB32, CAIRO_FORMAT_RGB24}) { // RGB24 keeps its fourth byte
-        cairo_surface_t *s = cairo_image_surface_create(format, 3, 2);
-        for (uint32_t word : {0xFF000000u, 0u, 0x80402010u}) {
-            cairoimagesurface_put_pixel(s, 2, 1, word >> 24, word >> 16 & 255, word >> 8 & 255, word & 255);
-            uint32_t stored;
-            memcpy(&stored, cairo_image_surface_get_data(s) + cairo_image_surface_get_stride(s) + 8, 4);
-            EXPECT_TRUE(word_at(s, 2, 1) == word && stored == word) << "cairo's native-endian word " << word;
-        }
-        guchar r = 1, g = 2, b = 3, a = 4;
-        cairoimagesurface_get_pixel(s, 3, 0, &a, &r, &g, &b);
-        EXPECT_TRUE(r == 1 && g == 2 && b == 3 && a == 4) << "out of range";
-        cairo_surface_destroy(s);
-    }
-}
-
 // A pixbuf the accessors must refuse; gdk_pixbuf_new only makes valid ones.
 GdkPixbuf *odd_pixbuf(int bits, int channels, guchar *buffer) {
     return GDK_PIXBUF(g_object_new(GDK_TYPE_PIXBUF, "n-channels", channels, "has-alpha", channels > 3,

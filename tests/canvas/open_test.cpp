@@ -23,19 +23,13 @@ TEST(CanvasOpen, DefaultOpenSplitsColourAndAlphaAndStartsANewDocumentWithDefault
         EXPECT_TRUE(history == nullptr && current == nullptr && pixbuf_image == pixbuf_no_alpha);
         EXPECT_TRUE(gdk_pixbuf_get_n_channels(pixbuf_no_alpha) == 3 &&
                     cairo_image_surface_get_width(win_surf) == 40);
-        EXPECT_EQ(count_pixels(40, 30,
-                               [](int x, int y) {
-                                   return rgba_at(pixbuf_alpha, x, y) != alpha_columns(x, y) ||
-                                          rgba_at(pixbuf_no_alpha, x, y) != picture(x, y) ||
-                                          word_at(surf_layer, x, y);
-                               }),
-                  0);
-        const option_args &o = *pass_option_args;
+        EXPECT_TRUE(differences(pixbuf_alpha, alpha_columns) == 0 &&
+                    differences(pixbuf_no_alpha, picture) == 0 &&
+                    differences(surf_layer, [](int, int) { return 0; }) == 0);
+        const option_args &o = *pass_option_args; // the defaults, the image's size, the whole image as region
         EXPECT_EQ(std::make_tuple(o.levels, o.steps, o.epsilon, o.threshold, o.win_radius, o.img_width,
-                                  o.img_height),
-                  std::make_tuple(1, 1, 1e-7, 0.02, 1, 40, 30));
-        EXPECT_EQ(std::vector<int>({x_img_ROI, y_img_ROI, w_img_ROI, h_img_ROI}),
-                  std::vector<int>({0, 0, 40, 30}));
+                                  o.img_height, x_img_ROI, y_img_ROI, w_img_ROI, h_img_ROI),
+                  std::make_tuple(1, 1, 1e-7, 0.02, 1, 40, 30, 0, 0, 40, 30));
         // Without alpha in the file every pixel of the alpha image is opaque.
         ASSERT_EQ(open_image_file(opaque.c_str(), OPEN_DEFAULT, toolbar), 0);
         EXPECT_TRUE(rgba_at(pixbuf_alpha, 3, 4) == picture(3, 4) && word_at(win_surf, 3, 4) >> 24 == 255);
@@ -51,13 +45,9 @@ TEST(CanvasOpen, WithAlphaTurnsOpaquePixelsIntoForegroundAndClearOnesIntoBackgro
         ASSERT_EQ(open_image_file(rgba.c_str(), OPEN_WITH_ALPHA, toolbar), 0);
         ASSERT_TRUE(history != nullptr && initialisinglayer != nullptr) << "this mode keeps the history";
         const uint32_t layer[] = {0xFFFFFFFF, 0xFF000000, 0, 0}, kept[] = {0xFFFFFFFF, 0xFF, 0, 0};
-        EXPECT_EQ(count_pixels(40, 30,
-                               [&](int x, int y) {
-                                   return word_at(surf_layer, x, y) != layer[x % 4] ||
-                                          rgba_at(initialisinglayer, x, y) != kept[x % 4] ||
-                                          rgba_at(pixbuf_no_alpha, x, y) != picture(x, y);
-                               }),
-                  0);
+        EXPECT_EQ(differences(surf_layer, [&](int x, int) { return layer[x % 4]; }), 0);
+        EXPECT_EQ(differences(initialisinglayer, [&](int x, int) { return kept[x % 4]; }), 0);
+        EXPECT_EQ(differences(pixbuf_no_alpha, picture), 0);
         EXPECT_EQ(word_at(win_surf, 4, 4), 0xFFFFFFFFu) << "the view shows the scribbles";
         // A file without alpha opens exactly as "Default open" does, history included.
         ASSERT_EQ(open_image_file(jpeg.c_str(), OPEN_WITH_ALPHA, toolbar), 0);
@@ -78,12 +68,11 @@ TEST(CanvasOpen, LayerWithoutAlphaMarksThePixelsThatDifferFromTheImageWhereTheyO
         ASSERT_EQ(open_image_file(layer.c_str(), OPEN_AS_LAYER, toolbar), 0);
         EXPECT_TRUE(history != nullptr && cairo_image_surface_get_width(surf_layer) == 30);
         const uint32_t p = picture(10, 10), grey = rgb2grey(p >> 24, p >> 16 & 255, (p >> 8 & 255) + 1);
-        EXPECT_EQ(count_pixels(30, 20,
-                               [&](int x, int y) {
-                                   const uint32_t w = x == 3 && y == 4 ? 0xFF737373u : 0;
-                                   return word_at(surf_layer, x, y) !=
-                                          (x == 10 && y == 10 ? 0xFF000000u | grey * 0x10101u : w);
-                               }),
+        EXPECT_EQ(differences(surf_layer,
+                              [&](int x, int y) {
+                                  const uint32_t w = x == 3 && y == 4 ? 0xFF737373u : 0;
+                                  return x == 10 && y == 10 ? 0xFF000000u | grey * 0x10101u : w;
+                              }),
                   0);
     });
 }

@@ -13,36 +13,24 @@ uint32_t alpha_ramp(int x, int y) {
     return (picture(x, y) & ~255u) | x * 4;
 }
 
-// How many pixels of the PNG file differ from paint(x, y), or -1 if it is not a PNG file of 60 by 40
-// pixels with those channels.
-int differences(const std::string &path, int channels, const std::function<uint32_t(int, int)> &paint) {
+// How many pixels of the PNG file differ from paint(x, y); -1 if it is not a PNG file with those channels.
+int file_differences(const std::string &path, int channels, const std::function<uint32_t(int, int)> &paint) {
     GdkPixbuf *p = gdk_pixbuf_new_from_file(path.c_str(), nullptr);
-    if (p == nullptr || gdk_pixbuf_get_n_channels(p) != channels || gdk_pixbuf_get_width(p) != 60) return -1;
-    const int n = count_pixels(60, 40, [&](int x, int y) { return rgba_at(p, x, y) != paint(x, y); });
-    g_object_unref(p);
+    const int n = p == nullptr || gdk_pixbuf_get_n_channels(p) != channels ? -1 : differences(p, paint);
+    if (p != nullptr) g_object_unref(p);
     return n;
 }
 
-std::string files_in(const std::string &folder) {
-    std::string all;
-    GDir *d = g_dir_open(folder.c_str(), 0, nullptr);
+std::set<std::string> files_in(const std::string &folder) {
     std::set<std::string> names;
+    GDir *d = g_dir_open(folder.c_str(), 0, nullptr);
     while (const gchar *name = g_dir_read_name(d))
         names.insert(name);
     g_dir_close(d);
-    for (const std::string &name : names)
-        all += name + " ";
-    return all;
+    return names;
 }
 
-TEST(CanvasSave, PngsAreNamedAfterTheStemAndReadBackAsSaved) {
-    for (const auto &[name, stem] :
-         {std::pair("result.jpg", "result"), std::pair("a.b.png", "a.b"), std::pair("result", "result"),
-          std::pair("/tmp/my.folder/result", "/tmp/my")}) {
-        std::string s = name;
-        strip_file_extension(s.data());
-        EXPECT_STREQ(s.c_str(), stem);
-    }
+TEST(CanvasSave, PngsAreNamedAfterTheStemBeforeTheLastFullStopAndReadBackAsSaved) {
     TempFolder in, out;
     run_keldra({write_image(in.path + "/rgba.png", 60, 40, true, alpha_ramp)}, [&](GtkWidget *) {
         std::string name = out.path + "/result.jpg", dotted = out.path + "/a.b.png",
@@ -50,9 +38,9 @@ TEST(CanvasSave, PngsAreNamedAfterTheStemAndReadBackAsSaved) {
         EXPECT_TRUE(save_pixbuf_to_file(name.data(), pixbuf_alpha) == 0 &&
                     name.c_str() == out.path + "/result");
         EXPECT_EQ(save_pixbuf_to_file(dotted.data(), pixbuf_no_alpha), 0);
-        EXPECT_EQ(files_in(out.path), "a.b.png result.png ");
-        EXPECT_EQ(differences(out.path + "/result.png", 4, alpha_ramp), 0);
-        EXPECT_EQ(differences(out.path + "/a.b.png", 3, picture), 0);
+        EXPECT_EQ(files_in(out.path), std::set<std::string>({"a.b.png", "result.png"}));
+        EXPECT_EQ(file_differences(out.path + "/result.png", 4, alpha_ramp), 0);
+        EXPECT_EQ(file_differences(out.path + "/a.b.png", 3, picture), 0);
         // The layer comes back unchanged through "Open as layer".
         drag({{5, 5}, {50, 30}});
         const std::vector<uint32_t> painted = all_words(surf_layer);
@@ -69,7 +57,7 @@ TEST(CanvasSave, AFailedSaveLeavesTheExistingFileIntactAndSaysWhy) {
         return (uint32_t)(x * 7919u ^ y * 104729u) * 2654435761u | 255;
     });
     run_keldra({noise}, [&](GtkWidget *) {
-        std::string kept = out.path + "/keep.png", layer = out.path + "/layer";
+        std::string kept = out.path + "/keep.png";
         g_file_set_contents(kept.c_str(), "precious", -1, nullptr);
         struct rlimit old_limit, small;
         getrlimit(RLIMIT_FSIZE, &old_limit);
@@ -83,14 +71,10 @@ TEST(CanvasSave, AFailedSaveLeavesTheExistingFileIntactAndSaysWhy) {
         g_file_get_contents((out.path + "/keep.png").c_str(), &contents, nullptr, nullptr);
         EXPECT_STREQ(contents, "precious");
         g_free(contents);
-        EXPECT_EQ(files_in(out.path), "keep.png ") << "no temporary file is left";
+        EXPECT_EQ(files_in(out.path), std::set<std::string>({"keep.png"})) << "no temporary file is left";
         const std::string text = gtk_label_get_text(
             GTK_LABEL(children(gtk_statusbar_get_message_area(GTK_STATUSBAR(status_bar)))[0]));
         EXPECT_EQ(text.rfind("File open error: ", 0), 0u) << text;
-        // A layer that cannot replace its target (here a folder of that name) is not written either.
-        g_mkdir_with_parents((layer + ".png/inside").c_str(), 0755);
-        EXPECT_EQ(save_surface_to_file(layer.data(), nullptr), 1);
-        EXPECT_EQ(files_in(out.path), "keep.png layer.png ");
     });
 }
 
@@ -124,10 +108,11 @@ TEST(CanvasSave, DialogSavesTheLayerOrTheImageByModeAndAsksBeforeReplacing) {
             Answer save("Save File", save_as(out.path, name, response));
             click(2);
         }
-        EXPECT_EQ(differences(out.path + "/photo.png", 3, picture), 0);
-        EXPECT_EQ(differences(out.path + "/matte.png", 4, alpha_ramp), 0);
+        EXPECT_EQ(file_differences(out.path + "/photo.png", 3, picture), 0);
+        EXPECT_EQ(file_differences(out.path + "/matte.png", 4, alpha_ramp), 0);
         EXPECT_EQ(
-            differences(out.path + "/strokes.png", 4, [&](int x, int y) { return painted[y * 60 + x]; }), 0)
+            file_differences(out.path + "/strokes.png", 4, [&](int x, int y) { return painted[y * 60 + x]; }),
+            0)
             << "opaque white and clear read the same in both byte orders";
         // Saving as photo.jpg would replace photo.png: the user is asked first.
         set_view_mode(false);
@@ -136,31 +121,23 @@ TEST(CanvasSave, DialogSavesTheLayerOrTheImageByModeAndAsksBeforeReplacing) {
             Answer save("Save File", save_as(out.path, "photo.jpg", 2)),
                 replace("Replace File", respond(reply));
             click(2);
-            EXPECT_TRUE(replace.shown && (differences(out.path + "/photo.png", 3, picture) == 0) ==
+            EXPECT_TRUE(replace.shown && (file_differences(out.path + "/photo.png", 3, picture) == 0) ==
                                              (reply != GTK_RESPONSE_CANCEL));
         }
     });
 }
 
-TEST(CanvasSave, CopyPutsTheRegionOrElseTheWholeImageOnTheClipboard) {
+TEST(CanvasSave, CopyPutsTheRegionOnTheClipboard) {
     TempFolder in;
     run_keldra({write_image(in.path + "/image.png", 60, 40, false, picture)}, [](GtkWidget *) {
         set_view_mode(true);
-        for (int whole : {0, 1}) {
-            whole ? press(0, 0) : drag({{10, 12}, {29, 21}}); // a click selects the whole image again
-            pixbuf_to_clipboard(nullptr, nullptr);
-            GdkPixbuf *copy = gtk_clipboard_wait_for_image(gtk_clipboard_get(GDK_SELECTION_CLIPBOARD));
-            ASSERT_NE(copy, nullptr);
-            const int w = gdk_pixbuf_get_width(copy), h = gdk_pixbuf_get_height(copy), x0 = whole ? 0 : 10;
-            EXPECT_TRUE(w == (whole ? 60 : 20) && h == (whole ? 40 : 10));
-            EXPECT_EQ(count_pixels(w, h,
-                                   [&](int x, int y) {
-                                       return (rgba_at(copy, x, y) | 255) !=
-                                              picture(x0 + x, y + (whole ? 0 : 12));
-                                   }),
-                      0);
-            g_object_unref(copy);
-        }
+        drag({{10, 12}, {29, 21}});
+        pixbuf_to_clipboard(nullptr, nullptr);
+        GdkPixbuf *copy = gtk_clipboard_wait_for_image(gtk_clipboard_get(GDK_SELECTION_CLIPBOARD));
+        ASSERT_NE(copy, nullptr);
+        EXPECT_TRUE(gdk_pixbuf_get_width(copy) == 20 && gdk_pixbuf_get_height(copy) == 10);
+        EXPECT_EQ(differences(copy, [](int x, int y) { return picture(10 + x, 12 + y); }), 0);
+        g_object_unref(copy);
     });
 }
 
