@@ -39,25 +39,25 @@ GdkPixbuf *odd_pixbuf(int bits, int channels, guchar *buffer) {
                                    2 * channels * bits / 8, "pixels", buffer, nullptr));
 }
 
+// The images are made in the dying child alone, so that the test leaves nothing behind.
 TEST(PixelsDeathTest, FailedPreconditionsAbortNamingFileFunctionAndExpression) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     static guchar buffer[64];
     guchar r, g, b, a;
-    GdkPixbuf *wide = odd_pixbuf(16, 3, buffer), *five = odd_pixbuf(8, 5, buffer);
-    cairo_surface_t *s = cairo_image_surface_create(CAIRO_FORMAT_ARGB32, 3, 2);
-    cairo_surface_t *a8 = cairo_image_surface_create(CAIRO_FORMAT_A8, 4, 4);
+    auto s = [] { return cairo_image_surface_create(CAIRO_FORMAT_ARGB32, 3, 2); };
+    auto a8 = [] { return cairo_image_surface_create(CAIRO_FORMAT_A8, 4, 4); };
     const std::string put = "cairoimagesurface_put_pixel: assertion failed: \\(",
                       format = "cairoFMT == CAIRO_FORMAT_ARGB32 \\|\\| cairoFMT == CAIRO_FORMAT_RGB24\\)";
     const std::pair<std::function<void()>, std::string> cases[] = {
-        {[&] { gdkpixbuf_put_pixel(wide, 0, 0, 1, 2, 3, 4); },
+        {[&] { gdkpixbuf_put_pixel(odd_pixbuf(16, 3, buffer), 0, 0, 1, 2, 3, 4); },
          "gdkpixbuf_put_pixel: assertion failed: \\(gdk_pixbuf_get_bits_per_sample\\(pixbuf\\) == 8\\)"},
-        {[&] { gdkpixbuf_get_pixel(five, 9, 9, &r, &g, &b, &a); },
+        {[&] { gdkpixbuf_get_pixel(odd_pixbuf(8, 5, buffer), 9, 9, &r, &g, &b, &a); },
          "gdkpixbuf_get_pixel: assertion failed: \\(n_channels == 4 \\|\\| n_channels == 3\\)"},
-        {[&] { cairoimagesurface_put_pixel(s, 3, 0, 1, 2, 3, 4); }, put + "x >= 0 && x < width\\)"},
-        {[&] { cairoimagesurface_put_pixel(s, -1, -1, 1, 2, 3, 4); }, put + "x >= 0 && x < width\\)"},
-        {[&] { cairoimagesurface_put_pixel(s, 0, 2, 1, 2, 3, 4); }, put + "y >= 0 && y < height\\)"},
-        {[&] { cairoimagesurface_put_pixel(a8, 0, 0, 1, 2, 3, 4); }, put + format},
-        {[&] { cairoimagesurface_get_pixel(a8, 99, 99, &a, &r, &g, &b); },
+        {[&] { cairoimagesurface_put_pixel(s(), 3, 0, 1, 2, 3, 4); }, put + "x >= 0 && x < width\\)"},
+        {[&] { cairoimagesurface_put_pixel(s(), -1, -1, 1, 2, 3, 4); }, put + "x >= 0 && x < width\\)"},
+        {[&] { cairoimagesurface_put_pixel(s(), 0, 2, 1, 2, 3, 4); }, put + "y >= 0 && y < height\\)"},
+        {[&] { cairoimagesurface_put_pixel(a8(), 0, 0, 1, 2, 3, 4); }, put + format},
+        {[&] { cairoimagesurface_get_pixel(a8(), 99, 99, &a, &r, &g, &b); },
          "cairoimagesurface_get_pixel: assertion failed: \\(" + format}};
     for (const auto &[call, message] : cases)
         EXPECT_DEATH(call(), "ERROR:gtkkeldra\\.cpp:[0-9]+:" + message);
