@@ -23,12 +23,14 @@ enum MatteExit {
 
 // matte_options: one run. The numeric defaults are the options dialog's defaults.
 struct matte_options {
-    std::string image;     // the photograph, any format gdk-pixbuf reads
-    std::string scribbles; // layer PNG (opaque pixels are constraints), or empty with a trimap
-    std::string trimap;    // grey trimap (0 background, 255 foreground), or empty
-    std::string output;    // the PNG to write
-    int levels = 1;        // down-scaling levels, 1 .. max(1, min(width, height) / 10)
-    int steps = 1;         // levels recalculated on the way up, 1 .. levels
+    std::string image;      // the photograph, any format gdk-pixbuf reads
+    std::string scribbles;  // layer PNG (opaque pixels are constraints), or empty with a trimap
+    std::string trimap;     // grey trimap (0 background, 255 foreground), or empty
+    std::string output;     // the PNG to write
+    std::string foreground; // --foreground: also write the estimated foreground colours with the matte
+                            // as alpha (a PNG to composite without colour fringes), or empty
+    int levels = 1;         // down-scaling levels, 1 .. max(1, min(width, height) / 10)
+    int steps = 1;          // levels recalculated on the way up, 1 .. levels
     double threshold = 0.02;
     double epsilon = 1e-7;
     int radius = 1;
@@ -54,8 +56,9 @@ const char *solver_status_message(int status);
 
 // run_matte: loads the inputs, checks them against each other and against the options' bounds that
 // depend on the image (levels, and a coarsest level at least one window wide), runs solveAlphaC2F as
-// the calculation job does (or, with --solver cholmod or cg, solveAlphaC2FWith) and writes the result
-// through a temporary file renamed into place.
+// the calculation job does (or, with --solver cholmod or cg, solveAlphaC2FWith), with --foreground
+// estimates the foreground colours from the matte (getForegroundRGBA), and writes each result through a
+// temporary file renamed into place. Nothing is written until every result has been computed.
 //   opts      input: a parsed command line
 //   progress  modified: one line per pyramid level (level, size, seconds) and a final line
 //   error     output: the message for a non-zero result (may span lines for solver failures)

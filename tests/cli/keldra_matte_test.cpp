@@ -205,6 +205,34 @@ TEST_F(KeldraMatte, TrimapAndSeveralLevels) {
     g_object_unref(out);
 }
 
+// --foreground writes the estimated object colours under the same matte: where the disk is mostly
+// opaque they are the disk's orange, not the blend with the blue background that the photograph shows.
+TEST_F(KeldraMatte, ForegroundFileHoldsTheObjectColoursUnderTheMatte) {
+    write_png(path("photo.png"), W, H, false, composite_pixel);
+    write_png(path("layer.png"), W, H, true, layer_pixel);
+    const Result r =
+        run(dir, {path("photo.png"), path("layer.png"), "-o", path("m.png"), "--foreground", path("fg.png")});
+    ASSERT_EQ(r.status, 0) << r.err;
+    GdkPixbuf *m = read_png(path("m.png")), *fg = read_png(path("fg.png"));
+    ASSERT_TRUE(m && fg);
+    ASSERT_EQ(gdk_pixbuf_get_n_channels(fg), 4);
+    const guchar orange[3] = {230, 150, 30};
+    int rim = 0;
+    for (int y = 0; y < H; y++)
+        for (int x = 0; x < W; x++) {
+            ASSERT_EQ(byte_at(fg, x, y, 3), byte_at(m, x, y, 3)) << x << "," << y;
+            const double d = std::hypot(x - 30.0, y - 25.0);
+            const double truth = std::fmin(1.0, std::fmax(0.0, (14.0 - d) / 3.0 + 0.5));
+            if (truth < 0.7 || truth == 1.0) continue;
+            rim++;
+            for (int c = 0; c < 3; c++) // within 0.03 of the true colour; the blend is up to 0.3 off
+                EXPECT_NEAR(byte_at(fg, x, y, c), orange[c], 8) << x << "," << y << " channel " << c;
+        }
+    EXPECT_GT(rim, 40);
+    g_object_unref(m);
+    g_object_unref(fg);
+}
+
 struct BadCase {
     const char *what;
     std::vector<std::string> args; // "@" stands for the test's folder
