@@ -59,6 +59,55 @@ TEST(MainWindow, HoldsTheCanvasWithItsPlaceholdersAndMenusWhoseControlAccelerato
     });
 }
 
+// Every toolbar item in its place, with its tooltip on the widget that carries it, and the zoom and
+// brush adjustments as built; ALPHA is hidden until view mode.
+TEST(MainWindow, ToolbarItemsTooltipsAndAdjustmentsAreAsBuilt) {
+    run_keldra({}, [](GtkWidget *) {
+        enum On { ITEM, ICON, CHILD };
+        const std::tuple<GType, const char *, On> items[] = {
+            {GTK_TYPE_TOGGLE_TOOL_BUTTON, "toggle between <i>edit</i> and <i>view</i> modes", ITEM},
+            {GTK_TYPE_TOOL_BUTTON, "Open an image file", ITEM},
+            {GTK_TYPE_TOOL_BUTTON, "Save image", ITEM},
+            {GTK_TYPE_TOOL_BUTTON, "View alpha channel as 256 shades of grey.", ICON},
+            {GTK_TYPE_TOOL_BUTTON, "Calculate / Pull the matte.", ITEM},
+            {GTK_TYPE_TOOL_BUTTON, "Select foreground with white brush strokes.", ICON},
+            {GTK_TYPE_TOOL_BUTTON, "Select background with black brush strokes.", ICON},
+            {GTK_TYPE_TOOL_BUTTON, "Erase brush strokes.", ITEM},
+            {GTK_TYPE_TOOL_ITEM, "Select regions with an alternate transparency.", CHILD},
+            {GTK_TYPE_TOOL_ITEM, "Scale image view between 12.5% - 400%.", ITEM},
+            {GTK_TYPE_TOOL_ITEM, "Drag to scale image view between 12.5% - 400%.", ITEM},
+            {GTK_TYPE_TOOL_BUTTON, "Reset scale to 100%.", ITEM},
+            {GTK_TYPE_SEPARATOR_TOOL_ITEM, nullptr, ITEM},
+            {GTK_TYPE_TOOL_ITEM, "Set brush size.", ITEM},
+            {GTK_TYPE_TOOL_ITEM, "Drag to set brush size.", ITEM}};
+        ASSERT_EQ(gtk_toolbar_get_n_items(GTK_TOOLBAR(toolbar)), (gint)std::size(items));
+        for (int i = 0; i < (int)std::size(items); i++) {
+            const auto &[type, tip, on] = items[i];
+            GtkWidget *item = tool_item(i);
+            EXPECT_EQ(G_OBJECT_TYPE(item), type) << i;
+            GtkWidget *carrier = on == ITEM   ? item
+                                 : on == ICON ? gtk_tool_button_get_icon_widget(GTK_TOOL_BUTTON(item))
+                                              : gtk_bin_get_child(GTK_BIN(item));
+            gchar *markup = gtk_widget_get_tooltip_markup(carrier);
+            EXPECT_STREQ(markup, tip) << i;
+            g_free(markup);
+        }
+        EXPECT_FALSE(gtk_widget_get_visible(tool_item(3)));
+        const std::tuple<int, double, double, double, double, double> adjustments[] = {
+            {9, 100.0, 12.5, 400.0, 12.5, 25.0}, {13, 10.0, 1.0, 1024.0, 1.0, 5.0}};
+        for (const auto &[n, value, lower, upper, step, page] : adjustments) {
+            GtkAdjustment *a =
+                gtk_spin_button_get_adjustment(GTK_SPIN_BUTTON(gtk_bin_get_child(GTK_BIN(tool_item(n)))));
+            EXPECT_TRUE(gtk_adjustment_get_value(a) == value && gtk_adjustment_get_lower(a) == lower &&
+                        gtk_adjustment_get_upper(a) == upper &&
+                        gtk_adjustment_get_step_increment(a) == step &&
+                        gtk_adjustment_get_page_increment(a) == page && gtk_adjustment_get_page_size(a) == 0)
+                << n;
+            EXPECT_EQ(gtk_range_get_adjustment(GTK_RANGE(gtk_bin_get_child(GTK_BIN(tool_item(n + 1))))), a);
+        }
+    });
+}
+
 // The file names of the toolbar's four icon images in a run of the program in folder with ICON_DIR
 // icon_dir (unset when null).
 std::string icon_names(const char *folder, const char *icon_dir) {
