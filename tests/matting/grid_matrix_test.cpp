@@ -271,4 +271,4 @@ TEST(GridMatrix, SweepsOnActiveRunsLeaveLonePixelsAlone) {
     EXPECT_EQ(sum, inside);
 }
 
-// namespace
+} // namespace
