@@ -36,7 +36,7 @@ static const struct {
     {-911, "failure: UMF internal error"},
 };
 
-static const char *status_message(int status) {
+const char *solver_status_message(int status) {
     for (const auto &entry : status_messages)
         if (entry.status == status) return entry.message;
     return NULL;
@@ -239,7 +239,7 @@ void setup_results(void) {
         gtk_widget_destroy(pass_calc_args->progress_bar);
         pass_calc_args->progress_bar = NULL;
     }
-    const char *message = status_message(pass_calc_args->status);
+    const char *message = solver_status_message(pass_calc_args->status);
     if (message != NULL) error_message_dialog(GTK_WIDGET(pass_calc_args->mode_toggle), message);
 
     // The matte is written even after a failure; outside the region the composite is transparent. The

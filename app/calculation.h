@@ -83,4 +83,9 @@ gboolean thread_done(gpointer thread);
 // whose handler switches the view to show the matte.
 void setup_results(void);
 
+// solver_status_message: the message shown for a solver status (UMFPACK's codes, passed up unchanged
+// by the engine), or NULL for a status that is not reported: 0 (success), positive warnings and codes
+// the table does not list. The returned text is static. The headless keldra-matte prints the same.
+const char *solver_status_message(int status);
+
 #endif

@@ -17,6 +17,7 @@
 
 #include <gdk-pixbuf/gdk-pixbuf.h>
 
+#include "app/calculation.h"
 #include "app/gtkkeldra.h"
 #include "matting/alpha_solve.h"
 #include "matting/coarse_to_fine.h"
@@ -390,40 +391,6 @@ int parse_matte_args(int argc, char **argv, matte_options *opts, std::string *er
         return MATTE_EXIT_USAGE;
     }
     return MATTE_EXIT_OK;
-}
-
-const char *solver_status_message(int status) {
-    switch (status) {
-    case -1:
-        return "failure: out_of_memory";
-    case -3:
-        return "failure: invalid numeric object\nyou can try:\nScaling the image down using an external "
-               "application or increase\nthe number of scaling steps in the calculation options.\n\nOr "
-               "tighten the image trimatte i.e. paint out more foregound and\nbackground pixels.\n\nOr in "
-               "preview mode (left tool bar button) drag the mouse to select\na smaller region of the image "
-               "and make that the calculation region\nfrom the edit menu. Don't forget you'll need to toggle "
-               "back to\nthe edit mode to perform the calculation.";
-    case -4:
-        return "failure: invalid symbolic object";
-    case -5:
-        return "failure: argument missing";
-    case -6:
-        return "failure: n nonpositive";
-    case -8:
-        return "failure: invalid matrix";
-    case -11:
-        return "failure: different pattern";
-    case -13:
-        return "failure: invalid system";
-    case -15:
-        return "failure: invalid permutation";
-    case -17:
-        return "failure: internal error";
-    case -911:
-        return "failure: UMF internal error";
-    default:
-        return nullptr;
-    }
 }
 
 int run_matte(const matte_options &opts, FILE *progress, std::string *error) {

@@ -50,10 +50,6 @@ const char *matte_usage(void);
 // Returns MATTE_EXIT_OK, or MATTE_EXIT_USAGE with *error set.
 int parse_matte_args(int argc, char **argv, matte_options *opts, std::string *error);
 
-// solver_status_message: the message the GUI shows for a solver status, or null for a status it does
-// not report (0 success, positive warnings, unlisted codes).
-const char *solver_status_message(int status);
-
 // run_matte: loads the inputs, checks them against each other and against the options' bounds that
 // depend on the image (levels, and a coarsest level at least one window wide), runs solveAlphaC2F as
 // the calculation job does (or, with --solver cholmod or cg, solveAlphaC2FWith), with --foreground

@@ -17,6 +17,7 @@
 
 #include <gdk-pixbuf/gdk-pixbuf.h>
 
+#include "app/calculation.h"
 #include "cli/matte_cli.h"
 
 namespace {
