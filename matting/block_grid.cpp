@@ -13,7 +13,7 @@ static constexpr double kPivotTolerance = 1e-12;
 void initBlockGrid(BlockGrid *K, int height, int width) {
     K->height = height;
     K->width = width;
-    K->blocks.assign(size_t(height) * width * kBlockSlots * kBlockSize, 0.0f);
+    K->blocks.assign(size_t(height) * width * kStoredSlots * kBlockSize, 0.0f);
     K->inverse.clear();
 }
 
@@ -97,24 +97,56 @@ static inline Float4 minusBlock(Float4 s, const float *M, const float *x) {
     return s - (load4(M) * x[0] + load4(M + 4) * x[1] + load4(M + 8) * x[2] + load4(M + 12) * x[3]);
 }
 
-// Unknown offsets of the nine neighbour slots of a node on a grid of height h. The slot of the way back,
-// from the neighbour to the node, is 8 - slot.
+typedef int Int4 __attribute__((vector_size(16)));
+
+// s - M^T x: component c is the dot product of column c with x, four products added across lanes.
+static inline Float4 minusTransposed(Float4 s, const float *M, const float *x) {
+    const Float4 v = load4(x);
+    const Float4 a = load4(M) * v, b = load4(M + 4) * v, c = load4(M + 8) * v, d = load4(M + 12) * v;
+    const Float4 ab = __builtin_shuffle(a, b, Int4{0, 4, 2, 6}) + __builtin_shuffle(a, b, Int4{1, 5, 3, 7});
+    const Float4 cd = __builtin_shuffle(c, d, Int4{0, 4, 2, 6}) + __builtin_shuffle(c, d, Int4{1, 5, 3, 7});
+    return s - (__builtin_shuffle(ab, cd, Int4{0, 1, 4, 5}) + __builtin_shuffle(ab, cd, Int4{2, 3, 6, 7}));
+}
+
+// Unknown offsets of the nine neighbour slots of a node on a grid of height h.
 static void slotOffsets(int h, int64_t offset[kBlockSlots]) {
     for (int dc = -1; dc <= 1; ++dc)
         for (int dr = -1; dr <= 1; ++dr)
             offset[(dr + 1) + 3 * (dc + 1)] = (dr + int64_t(dc) * h) * kBlockDofs;
 }
 
-// y = K x (b null) or y = b - K x over the nodes [begin, end).
+// s minus the coupling of node a to its neighbours before it (slots 0 .. 3), read as transposes of
+// their blocks towards a. A "neighbour" that wraps round the end of a column is another node whose
+// block in that direction points out of the grid and is zero; one before the first node is skipped.
+static inline Float4 minusLower(const BlockGrid *K, int64_t a, const int64_t *offset, const float *x,
+                                Float4 s) {
+    for (int slot = 0; slot < kCentreSlot; ++slot) {
+        const int64_t c = a + offset[slot] / kBlockDofs;
+        if (c < 0) continue;
+        s = minusTransposed(s, blockAt(K, c, 8 - slot), x + a * 4 + offset[slot]);
+    }
+    return s;
+}
+
+// s minus the coupling of node a to its neighbours after it (slots 5 .. 8).
+static inline Float4 minusUpper(const BlockGrid *K, int64_t a, const int64_t *offset, const float *x,
+                                Float4 s) {
+    for (int slot = kCentreSlot + 1; slot < kBlockSlots; ++slot)
+        s = minusBlock(s, blockAt(K, a, slot), x + a * 4 + offset[slot]);
+    return s;
+}
+
+// y = K x (b null) or y = b - K x over the nodes [begin, end). Neighbours outside the grid are read from
+// the vectors' margins through zero blocks, so border nodes need no tests.
 static void multiplyRange(const BlockGrid *K, const float *x, float *y, const float *b, int64_t begin,
                           int64_t end) {
     int64_t offset[kBlockSlots];
     slotOffsets(K->height, offset);
     for (int64_t a = begin; a < end; ++a) {
         Float4 s = {0, 0, 0, 0};
-        const float *xa = x + a * 4;
-        for (int slot = 0; slot < kBlockSlots; ++slot)
-            s = minusBlock(s, blockAt(K, a, slot), xa + offset[slot]);
+        s = minusBlock(s, blockAt(K, a, kCentreSlot), x + a * 4);
+        s = minusUpper(K, a, offset, x, s);
+        s = minusLower(K, a, offset, x, s);
         store4(y + a * 4, b ? load4(b + a * 4) + s : -s);
     }
 }
@@ -142,10 +174,7 @@ static void relaxRange(const BlockGrid *K, const float *b, float *x, int64_t fro
     int64_t offset[kBlockSlots];
     slotOffsets(K->height, offset);
     auto relax = [&](int64_t a) {
-        Float4 s = load4(b + a * 4);
-        const float *xa = x + a * 4;
-        for (int slot = 0; slot < kBlockSlots; ++slot)
-            if (slot != kCentreSlot) s = minusBlock(s, blockAt(K, a, slot), xa + offset[slot]);
+        Float4 s = minusLower(K, a, offset, x, minusUpper(K, a, offset, x, load4(b + a * 4)));
         store4(x + a * 4, applyInverse(K, a, s));
     };
     if (ascending)
@@ -157,52 +186,51 @@ static void relaxRange(const BlockGrid *K, const float *b, float *x, int64_t fro
 }
 
 // The forward sweep from zero over [from, to), with the residual formed on the way as for the pixel
-// grid: a node's own residual is what its update leaves, and each node subtracts K(q, a) x_a from the
-// residual of every neighbour q below it that was updated before it (q >= floor).
+// grid: a node's own residual is what its update leaves, and each node subtracts K(c, a) x_a from the
+// residual of every neighbour c before it that was updated before it in the sweep order (c >= floor).
+// K(c, a) is c's stored block towards a.
 static void relaxLowerWithResidual(const BlockGrid *K, const float *b, float *x, float *res, int64_t from,
                                    int64_t to, int64_t floor) {
     int64_t offset[kBlockSlots];
     slotOffsets(K->height, offset);
-    const int64_t nodes = blockNodes(K);
     for (int64_t a = from; a < to; ++a) {
-        Float4 s = load4(b + a * 4);
-        const float *xa = x + a * 4;
-        for (int slot = 0; slot < kBlockSlots; ++slot)
-            if (offset[slot] < 0) s = minusBlock(s, blockAt(K, a, slot), xa + offset[slot]);
+        const Float4 s = minusLower(K, a, offset, x, load4(b + a * 4));
         const Float4 xn = applyInverse(K, a, s);
         store4(x + a * 4, xn);
         float xv[4];
         store4(xv, xn);
         store4(res + a * 4, minusBlock(s, blockAt(K, a, kCentreSlot), xv));
-        for (int slot = 0; slot < kBlockSlots; ++slot) {
-            const int64_t q = a + offset[slot] / kBlockDofs;
-            if (offset[slot] >= 0 || q < floor || q < 0 || q >= nodes) continue;
-            store4(res + q * 4, minusBlock(load4(res + q * 4), blockAt(K, q, 8 - slot), xv));
+        for (int slot = 0; slot < kCentreSlot; ++slot) {
+            const int64_t c = a + offset[slot] / kBlockDofs;
+            if (c < floor || c < 0) continue;
+            store4(res + c * 4, minusBlock(load4(res + c * 4), blockAt(K, c, 8 - slot), xv));
         }
     }
 }
 
 // The middle [lo, hi) of a split forward sweep from zero, after both outer parts: full updates, and
-// residual contributions to the neighbours below and to those above in the second part.
+// residual contributions to the neighbours before it and to those after it in the second part.
 static void relaxMiddleWithResidual(const BlockGrid *K, const float *b, float *x, float *res, int64_t lo,
                                     int64_t hi) {
     int64_t offset[kBlockSlots];
     slotOffsets(K->height, offset);
     const int64_t nodes = blockNodes(K);
     for (int64_t a = lo; a < hi; ++a) {
-        Float4 s = load4(b + a * 4);
-        const float *xa = x + a * 4;
-        for (int slot = 0; slot < kBlockSlots; ++slot)
-            if (slot != kCentreSlot) s = minusBlock(s, blockAt(K, a, slot), xa + offset[slot]);
+        const Float4 s = minusLower(K, a, offset, x, minusUpper(K, a, offset, x, load4(b + a * 4)));
         const Float4 xn = applyInverse(K, a, s);
         store4(x + a * 4, xn);
         float xv[4];
         store4(xv, xn);
         store4(res + a * 4, minusBlock(s, blockAt(K, a, kCentreSlot), xv));
-        for (int slot = 0; slot < kBlockSlots; ++slot) {
-            const int64_t q = a + offset[slot] / kBlockDofs;
-            if (slot == kCentreSlot || q < 0 || q >= nodes || (offset[slot] > 0 && q < hi)) continue;
-            store4(res + q * 4, minusBlock(load4(res + q * 4), blockAt(K, q, 8 - slot), xv));
+        for (int slot = 0; slot < kCentreSlot; ++slot) {
+            const int64_t c = a + offset[slot] / kBlockDofs;
+            if (c < 0) continue;
+            store4(res + c * 4, minusBlock(load4(res + c * 4), blockAt(K, c, 8 - slot), xv));
+        }
+        for (int slot = kCentreSlot + 1; slot < kBlockSlots; ++slot) {
+            const int64_t f = a + offset[slot] / kBlockDofs;
+            if (f < hi || f >= nodes) continue;
+            store4(res + f * 4, minusTransposed(load4(res + f * 4), blockAt(K, a, slot), xv));
         }
     }
 }
@@ -297,20 +325,21 @@ void factorBlockGrid(const BlockGrid *K, BlockFactor *F) {
     std::vector<double> scale(F->n);
     for (int64_t a = 0; a < nodes; ++a) {
         const int i = int(a % h), j = int(a / h);
-        for (int dc = -1; dc <= 1; ++dc)
-            for (int dr = -1; dr <= 1; ++dr) {
-                const int bi = i + dr, bj = j + dc;
-                if (bi < 0 || bi >= h || bj < 0 || bj >= K->width) continue;
-                const int64_t nb = bi + int64_t(bj) * h;
-                if (nb > a) continue;
-                const float *M = blockAt(K, a, (dr + 1) + 3 * (dc + 1));
-                for (int d = 0; d < 4; ++d)
-                    for (int e = 0; e < 4; ++e) {
-                        const int64_t row = a * 4 + d, col = nb * 4 + e;
-                        if (col <= row && row - col <= F->bandwidth)
-                            F->lower[row * w + (row - col)] = M[e * 4 + d];
-                    }
-            }
+        // Row blocks of the lower triangle: K(f, a) for the neighbours f after a, the transposes of
+        // a's stored blocks, and a's own diagonal block.
+        for (int slot = kCentreSlot; slot < kBlockSlots; ++slot) {
+            const int dr = slot % 3 - 1, dc = slot / 3 - 1;
+            const int fi = i + dr, fj = j + dc;
+            if (fi < 0 || fi >= h || fj >= K->width) continue;
+            const int64_t f = fi + int64_t(fj) * h;
+            const float *M = blockAt(K, a, slot); // K(a, f) by columns: K(a, f)[e][d] = M[d * 4 + e]
+            for (int d = 0; d < 4; ++d)
+                for (int e = 0; e < 4; ++e) {
+                    const int64_t row = f * 4 + d, col = a * 4 + e;
+                    if (col <= row && row - col <= F->bandwidth)
+                        F->lower[row * w + (row - col)] = M[d * 4 + e];
+                }
+        }
         for (int d = 0; d < 4; ++d)
             scale[a * 4 + d] = blockAt(K, a, kCentreSlot)[d * 5];
     }

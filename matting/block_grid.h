@@ -1,9 +1,10 @@
 // Store and kernels for the coarse levels of the multigrid preconditioner: a symmetric matrix on a grid
 // of nodes, each node carrying kBlockDofs unknowns (the coefficients of the local colour model
-// alpha = b + a . colour), coupled only to its eight neighbouring nodes. Each node keeps its whole block
-// row, nine 4 x 4 blocks in single precision: a coarse level only has to steer the fine iteration, and
-// reading every block once per pass, at half the width, is what makes the level cheap. (The symmetric
-// half alone would be read twice per pass, once transposed.)
+// alpha = b + a . colour), coupled only to its eight neighbouring nodes. The matrix is kept as 4 x 4
+// blocks in single precision (a coarse level only has to steer the fine iteration): for every node its
+// diagonal block and the blocks towards its four neighbours that come after it; the blocks towards the
+// other four are the transposes of theirs. Half the bytes of the full block rows, which is what a pass
+// over a large level costs.
 //
 // Nodes are numbered column-major, a = row + column * height; unknown d of node a has index
 // a * kBlockDofs + d. Vectors on a level are BlockVectors: zero margins before and after the nodes let
@@ -16,13 +17,17 @@
 
 constexpr int kBlockDofs = 4;
 constexpr int kBlockSize = kBlockDofs * kBlockDofs;
-constexpr int kBlockSlots = 9; // neighbour (drow, dcol) in {-1, 0, 1}^2 has slot (drow + 1) + 3 (dcol + 1)
+// Neighbour (drow, dcol) in {-1, 0, 1}^2 has slot (drow + 1) + 3 (dcol + 1); the node itself is slot 4,
+// slots 5 to 8 are the neighbours after it in the node order (stored), slots 0 to 3 those before it
+// (slot s is the transpose of the neighbour's slot 8 - s).
+constexpr int kBlockSlots = 9;
 constexpr int kCentreSlot = 4;
+constexpr int kStoredSlots = 5; // slots 4 .. 8
 
 struct BlockGrid {
     int height = 0, width = 0; // node grid
-    // [node][slot][column][row]: block K(a, neighbour) stored by columns. Blocks towards neighbours
-    // outside the grid stay zero.
+    // [node][slot - 4][column][row]: block K(a, neighbour) for slots 4 .. 8, stored by columns. Blocks
+    // towards neighbours outside the grid stay zero.
     std::vector<float> blocks;
     std::vector<float> inverse; // [node][column][row] pseudo-inverse of the diagonal block
 };
@@ -44,12 +49,12 @@ void initBlockGrid(BlockGrid *K, int height, int width);
 // blockNodes: height * width.
 int64_t blockNodes(const BlockGrid *K);
 
-// blockAt: block K(a, neighbour at slot), column-major.
+// blockAt: block K(a, neighbour at slot), column-major, for a stored slot (4 .. 8).
 inline float *blockAt(BlockGrid *K, int64_t a, int slot) {
-    return K->blocks.data() + (size_t(a) * kBlockSlots + slot) * kBlockSize;
+    return K->blocks.data() + (size_t(a) * kStoredSlots + slot - kCentreSlot) * kBlockSize;
 }
 inline const float *blockAt(const BlockGrid *K, int64_t a, int slot) {
-    return K->blocks.data() + (size_t(a) * kBlockSlots + slot) * kBlockSize;
+    return K->blocks.data() + (size_t(a) * kStoredSlots + slot - kCentreSlot) * kBlockSize;
 }
 
 // initBlockVector: zero vector for the nodes of K, with its margins.

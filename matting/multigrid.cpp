@@ -201,6 +201,7 @@ void buildFirstLevel(Multigrid *mg, const float *colour, int channels, Multigrid
                         const double value = s.band < 0 ? A->diag[p] : A->bands[s.band * n + p + s.at];
                         if (value == 0.0) continue;
                         const int slot = blockSlot(qi / S - I, qj / S - J);
+                        if (slot < kCentreSlot) continue; // held by the neighbour, as its transpose
                         const float *q = &mg->basis[size_t(qi + int64_t(qj) * H) * 4];
                         for (int d = 0; d < 4; ++d)
                             v[slot][d] += value * q[d];
@@ -214,7 +215,7 @@ void buildFirstLevel(Multigrid *mg, const float *colour, int channels, Multigrid
                                 acc[slot][c * 4 + r] += qp[r] * v[slot][c];
                     }
                 }
-            for (int slot = 0; slot < kBlockSlots; ++slot) {
+            for (int slot = kCentreSlot; slot < kBlockSlots; ++slot) {
                 float *M = blockAt(&L1->K, a, slot);
                 for (int k = 0; k < kBlockSize; ++k)
                     M[k] = float(acc[slot][k]);
@@ -302,22 +303,30 @@ void buildNextLevel(MultigridLevel *fine, MultigridLevel *coarse) {
                             const int bi = i + dr, bj = j + dc;
                             if (bi < 0 || bi >= h || bj < 0 || bj >= w) continue;
                             const int slot = blockSlot(bi / G - I, bj / G - J);
+                            if (slot < kCentreSlot) continue; // held by the neighbour, as its transpose
                             const int64_t b = bi + int64_t(bj) * h;
-                            const float *Kab = blockAt(K, a, blockSlot(dr, dc)); // by columns
+                            // K(a, b)[r][k]: a's stored block towards b, or the transpose of b's
+                            // stored block towards a.
+                            const int own = blockSlot(dr, dc);
+                            const float *stored =
+                                own >= kCentreSlot ? blockAt(K, a, own) : blockAt(K, b, 8 - own);
+                            auto Kab = [&](int r, int k) {
+                                return double(own >= kCentreSlot ? stored[k * 4 + r] : stored[r * 4 + k]);
+                            };
                             const double *Qb = &fine->transfer[size_t(b) * 16];
                             // T = K(a, b) Q_b, then acc += Q_a^T T (acc by columns).
                             double T[16] = {};
                             for (int r = 0; r < 4; ++r)
                                 for (int k = 0; k < 4; ++k)
                                     for (int c = 0; c < 4; ++c)
-                                        T[r * 4 + c] += double(Kab[k * 4 + r]) * Qb[k * 4 + c];
+                                        T[r * 4 + c] += Kab(r, k) * Qb[k * 4 + c];
                             for (int r = 0; r < 4; ++r)
                                 for (int k = 0; k < 4; ++k)
                                     for (int c = 0; c < 4; ++c)
                                         acc[slot][c * 4 + r] += Qa[k * 4 + r] * T[k * 4 + c];
                         }
                 }
-            for (int slot = 0; slot < kBlockSlots; ++slot) {
+            for (int slot = kCentreSlot; slot < kBlockSlots; ++slot) {
                 float *M = blockAt(&coarse->K, A, slot);
                 for (int k = 0; k < kBlockSize; ++k)
                     M[k] = float(acc[slot][k]);

@@ -9,8 +9,8 @@
 
 namespace {
 
-// Symmetric, diagonally dominant block matrix on an h x w node grid: every block row is filled, the
-// block towards neighbour b is the transpose of b's block towards the node.
+// Symmetric, diagonally dominant block matrix on an h x w node grid: random blocks towards the
+// neighbours after each node, a dominant symmetric diagonal block.
 BlockGrid randomBlockGrid(int h, int w, unsigned seed) {
     BlockGrid K;
     initBlockGrid(&K, h, w);
@@ -19,18 +19,13 @@ BlockGrid randomBlockGrid(int h, int w, unsigned seed) {
     const int64_t nodes = blockNodes(&K);
     for (int64_t a = 0; a < nodes; ++a) {
         const int i = int(a % h), j = int(a / h);
-        for (int dc = -1; dc <= 1; ++dc)
-            for (int dr = -1; dr <= 1; ++dr) {
-                const int bi = i + dr, bj = j + dc;
-                if (bi < 0 || bi >= h || bj < 0 || bj >= w) continue;
-                const int64_t b = bi + int64_t(bj) * h;
-                if (b > a || (dr == 0 && dc == 0)) continue;
-                float *M = blockAt(&K, a, (dr + 1) + 3 * (dc + 1));
-                float *T = blockAt(&K, b, (1 - dr) + 3 * (1 - dc));
-                for (int r = 0; r < 4; ++r)
-                    for (int c = 0; c < 4; ++c)
-                        M[c * 4 + r] = T[r * 4 + c] = float(u(rng));
-            }
+        for (int slot = kCentreSlot + 1; slot < kBlockSlots; ++slot) {
+            const int bi = i + slot % 3 - 1, bj = j + slot / 3 - 1;
+            if (bi < 0 || bi >= h || bj >= w) continue;
+            float *M = blockAt(&K, a, slot);
+            for (int k = 0; k < kBlockSize; ++k)
+                M[k] = float(u(rng));
+        }
         float *D = blockAt(&K, a, kCentreSlot);
         for (int r = 0; r < 4; ++r)
             for (int c = 0; c <= r; ++c)
@@ -39,21 +34,23 @@ BlockGrid randomBlockGrid(int h, int w, unsigned seed) {
     return K;
 }
 
+// The dense matrix: stored blocks and, for the neighbours before a node, the transposes of theirs.
 std::vector<double> dense(const BlockGrid &K) {
     const int h = K.height;
     const int64_t nodes = blockNodes(&K), n = nodes * 4;
     std::vector<double> D(n * n, 0.0);
     for (int64_t a = 0; a < nodes; ++a)
-        for (int dc = -1; dc <= 1; ++dc)
-            for (int dr = -1; dr <= 1; ++dr) {
-                const int bi = int(a % h) + dr, bj = int(a / h) + dc;
-                if (bi < 0 || bi >= h || bj < 0 || bj >= K.width) continue;
-                const int64_t b = bi + int64_t(bj) * h;
-                const float *M = blockAt(&K, a, (dr + 1) + 3 * (dc + 1));
-                for (int r = 0; r < 4; ++r)
-                    for (int c = 0; c < 4; ++c)
-                        D[(a * 4 + r) * n + b * 4 + c] = M[c * 4 + r];
-            }
+        for (int slot = kCentreSlot; slot < kBlockSlots; ++slot) {
+            const int bi = int(a % h) + slot % 3 - 1, bj = int(a / h) + slot / 3 - 1;
+            if (bi < 0 || bi >= h || bj < 0 || bj >= K.width) continue;
+            const int64_t b = bi + int64_t(bj) * h;
+            const float *M = blockAt(&K, a, slot);
+            for (int r = 0; r < 4; ++r)
+                for (int c = 0; c < 4; ++c) {
+                    D[(a * 4 + r) * n + b * 4 + c] = M[c * 4 + r];
+                    D[(b * 4 + c) * n + a * 4 + r] = M[c * 4 + r];
+                }
+        }
     return D;
 }
 
@@ -157,14 +154,13 @@ TEST(BlockGrid, BandedFactorSolvesAndLeavesUnusedUnknownsAtZero) {
     // Unknown 2 of node 4 takes part in nothing: its row and column are zero.
     const int64_t nodes = blockNodes(&K), dead = 4 * 4 + 2;
     for (int64_t a = 0; a < nodes; ++a)
-        for (int slot = 0; slot < kBlockSlots; ++slot) {
+        for (int slot = kCentreSlot; slot < kBlockSlots; ++slot) {
+            const int bi = int(a % 3) + slot % 3 - 1, bj = int(a / 3) + slot / 3 - 1;
+            const int64_t b = bi + int64_t(bj) * 3;
             float *M = blockAt(&K, a, slot);
             for (int r = 0; r < 4; ++r)
-                for (int c = 0; c < 4; ++c) {
-                    const int64_t row = a * 4 + r;
-                    const int64_t col = ((a % 3 + (slot % 3) - 1) + (a / 3 + slot / 3 - 1) * 3) * 4 + c;
-                    if (row == dead || col == dead) M[c * 4 + r] = 0.0f;
-                }
+                for (int c = 0; c < 4; ++c)
+                    if (a * 4 + r == dead || b * 4 + c == dead) M[c * 4 + r] = 0.0f;
         }
     BlockFactor F;
     factorBlockGrid(&K, &F);
