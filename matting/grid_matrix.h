@@ -1,8 +1,8 @@
 // Compact store for the symmetric sparse matrices of the large-image solvers, whose rows and columns are
 // the pixels of an image grid and whose elements couple only pixels a few rows and columns apart (the
-// matting Laplacian and its coarse-grid companions). The matrix is kept by diagonals: the main diagonal
-// and, for every forward pixel offset, one plane holding that offset's element for each pixel. No index
-// is stored, so a pixel costs (number of forward offsets + 1) doubles, 13 for the radius-1 Laplacian.
+// matting Laplacian). The matrix is kept by diagonals: the main diagonal and, for every forward pixel
+// offset, one plane holding that offset's element for each pixel. No index is stored, so a pixel costs
+// (number of forward offsets + 1) doubles, 13 for the radius-1 Laplacian.
 //
 // Pixels are numbered column-major, p = row + column * height, as in the engine's linear systems.
 // A forward offset (drow, dcol) has dcol > 0, or dcol == 0 and drow > 0; its element for pixel p is

@@ -9,7 +9,10 @@
 // colour edges in place. One application is a cycle: forward Gauss-Seidel, the coarse correction,
 // backward Gauss-Seidel; on the coarse levels the correction is itself two flexible conjugate gradient
 // steps preconditioned by the next level (a K-cycle), which keeps the iteration count from growing with
-// the number of levels. The coarsest level is factored by banded Cholesky.
+// the number of levels. The coarsest level is factored by banded Cholesky. Everything here only steers
+// the iteration, so it works in single precision where that halves the bytes read: the fine sweeps use
+// a rounded copy of A, and the coarse levels are single precision throughout. Pixels whose row has no
+// neighbour are left out of every pass (PixelRuns).
 #pragma once
 
 #include <memory>
