@@ -75,17 +75,6 @@ static const gint drawing_area_events = GDK_EXPOSURE_MASK | GDK_POINTER_MOTION_M
                                         GDK_POINTER_MOTION_HINT_MASK | GDK_BUTTON_PRESS_MASK |
                                         GDK_LEAVE_NOTIFY_MASK | (1 << 28);
 
-// The pixel accessors' preconditions. Unlike g_assert they stay active in every build type, and the
-// report names this file and the bare function name (G_STRFUNC would give the full C++ signature):
-//   ERROR:gtkkeldra.cpp:LINE:gdkpixbuf_put_pixel: assertion failed: (EXPR)
-#define KELDRA_PIXEL_ASSERT(expr)                                                                            \
-    do {                                                                                                     \
-        if (G_LIKELY(expr))                                                                                  \
-            ;                                                                                                \
-        else                                                                                                 \
-            g_assertion_message_expr(G_LOG_DOMAIN, __FILE_NAME__, __LINE__, __func__, #expr);                \
-    } while (0)
-
 void destroy(GtkWidget *widget, gpointer data) {
     (void)widget;
     (void)data;
@@ -340,9 +329,9 @@ int KELDRA_ENTRY(int argc, char **argv) {
 void gdkpixbuf_put_pixel(GdkPixbuf *pixbuf, int x, int y, guchar red, guchar green, guchar blue,
                          guchar alpha) {
     int n_channels = gdk_pixbuf_get_n_channels(pixbuf);
-    KELDRA_PIXEL_ASSERT(gdk_pixbuf_get_colorspace(pixbuf) == GDK_COLORSPACE_RGB);
-    KELDRA_PIXEL_ASSERT(gdk_pixbuf_get_bits_per_sample(pixbuf) == 8);
-    KELDRA_PIXEL_ASSERT(n_channels == 4 || n_channels == 3);
+    KELDRA_ASSERT(gdk_pixbuf_get_colorspace(pixbuf) == GDK_COLORSPACE_RGB);
+    KELDRA_ASSERT(gdk_pixbuf_get_bits_per_sample(pixbuf) == 8);
+    KELDRA_ASSERT(n_channels == 4 || n_channels == 3);
     if (x < 0 || x >= gdk_pixbuf_get_width(pixbuf) || y < 0 || y >= gdk_pixbuf_get_height(pixbuf)) return;
     guchar *p =
         gdk_pixbuf_get_pixels(pixbuf) + (gsize)y * gdk_pixbuf_get_rowstride(pixbuf) + (gsize)x * n_channels;
@@ -355,9 +344,9 @@ void gdkpixbuf_put_pixel(GdkPixbuf *pixbuf, int x, int y, guchar red, guchar gre
 void gdkpixbuf_get_pixel(GdkPixbuf *pixbuf, int x, int y, guchar *red, guchar *green, guchar *blue,
                          guchar *alpha) {
     int n_channels = gdk_pixbuf_get_n_channels(pixbuf);
-    KELDRA_PIXEL_ASSERT(gdk_pixbuf_get_colorspace(pixbuf) == GDK_COLORSPACE_RGB);
-    KELDRA_PIXEL_ASSERT(gdk_pixbuf_get_bits_per_sample(pixbuf) == 8);
-    KELDRA_PIXEL_ASSERT(n_channels == 4 || n_channels == 3);
+    KELDRA_ASSERT(gdk_pixbuf_get_colorspace(pixbuf) == GDK_COLORSPACE_RGB);
+    KELDRA_ASSERT(gdk_pixbuf_get_bits_per_sample(pixbuf) == 8);
+    KELDRA_ASSERT(n_channels == 4 || n_channels == 3);
     if (x < 0 || x >= gdk_pixbuf_get_width(pixbuf) || y < 0 || y >= gdk_pixbuf_get_height(pixbuf)) return;
     const guchar *p =
         gdk_pixbuf_get_pixels(pixbuf) + (gsize)y * gdk_pixbuf_get_rowstride(pixbuf) + (gsize)x * n_channels;
@@ -376,9 +365,9 @@ void cairoimagesurface_put_pixel(cairo_surface_t *surface, int x, int y, guchar 
     int height = cairo_image_surface_get_height(surface);
     int stride = cairo_image_surface_get_stride(surface);
     cairo_format_t cairoFMT = cairo_image_surface_get_format(surface);
-    KELDRA_PIXEL_ASSERT(x >= 0 && x < width);
-    KELDRA_PIXEL_ASSERT(y >= 0 && y < height);
-    KELDRA_PIXEL_ASSERT(cairoFMT == CAIRO_FORMAT_ARGB32 || cairoFMT == CAIRO_FORMAT_RGB24);
+    KELDRA_ASSERT(x >= 0 && x < width);
+    KELDRA_ASSERT(y >= 0 && y < height);
+    KELDRA_ASSERT(cairoFMT == CAIRO_FORMAT_ARGB32 || cairoFMT == CAIRO_FORMAT_RGB24);
     guint32 *p = (guint32 *)(data + (gsize)y * stride) + x;
     *p = (guint32)alpha << 24 | (guint32)red << 16 | (guint32)green << 8 | blue;
 }
@@ -390,7 +379,7 @@ void cairoimagesurface_get_pixel(cairo_surface_t *surface, int x, int y, guchar 
     int height = cairo_image_surface_get_height(surface);
     int stride = cairo_image_surface_get_stride(surface);
     cairo_format_t cairoFMT = cairo_image_surface_get_format(surface);
-    KELDRA_PIXEL_ASSERT(cairoFMT == CAIRO_FORMAT_ARGB32 || cairoFMT == CAIRO_FORMAT_RGB24);
+    KELDRA_ASSERT(cairoFMT == CAIRO_FORMAT_ARGB32 || cairoFMT == CAIRO_FORMAT_RGB24);
     if (x < 0 || x >= width || y < 0 || y >= height) return;
     guint32 word = *((const guint32 *)(data + (gsize)y * stride) + x);
     *alpha = (guchar)(word >> 24);

@@ -12,6 +12,18 @@
 #include "app/calculation.h"
 #include "app/options.h"
 
+// KELDRA_ASSERT: the GUI's preconditions (pixel accessors, image loader). Unlike g_assert they stay
+// active in every build type, and the report names the source file where the check stands and the bare
+// function name (G_STRFUNC would give the full C++ signature), then aborts:
+//   ERROR:gtkkeldra.cpp:LINE:gdkpixbuf_put_pixel: assertion failed: (EXPR)
+#define KELDRA_ASSERT(expr)                                                                                  \
+    do {                                                                                                     \
+        if (G_LIKELY(expr))                                                                                  \
+            ;                                                                                                \
+        else                                                                                                 \
+            g_assertion_message_expr(G_LOG_DOMAIN, __FILE_NAME__, __LINE__, __func__, #expr);                \
+    } while (0)
+
 // View and calculation region (canvas/view). Region sizes are in image pixels; the selection values
 // are in window (zoomed) coordinates.
 extern double scale;                    // 1.0: view zoom factor

@@ -16,16 +16,6 @@
 #include "canvas/strokes.h"
 #include "canvas/view.h"
 
-// The loader's consistency checks stay active in every build type and name this file and the bare
-// function in their report, like the pixel accessors' checks.
-#define FILE_IO_ASSERT(expr)                                                                                 \
-    do {                                                                                                     \
-        if (G_LIKELY(expr))                                                                                  \
-            ;                                                                                                \
-        else                                                                                                 \
-            g_assertion_message_expr(G_LOG_DOMAIN, __FILE_NAME__, __LINE__, __func__, #expr);                \
-    } while (0)
-
 // cairo cannot make image surfaces larger than this in either direction.
 static const int max_surface_side = 32767;
 
@@ -253,14 +243,14 @@ int open_image_file(const char *filename, enum open_mode mode, GtkWidget *toolba
         if (drawing_area != NULL) gtk_widget_queue_draw(drawing_area);
     }
 
-    FILE_IO_ASSERT((pixbuf == NULL && error != NULL) || (pixbuf != NULL && error == NULL));
+    KELDRA_ASSERT((pixbuf == NULL && error != NULL) || (pixbuf != NULL && error == NULL));
     if (error != NULL) {
-        FILE_IO_ASSERT(pixbuf == NULL);
+        KELDRA_ASSERT(pixbuf == NULL);
         fprintf(stderr, "Unable to read file: %s\n", error->message);
         g_error_free(error);
         return 1;
     }
-    FILE_IO_ASSERT(pixbuf != NULL);
+    KELDRA_ASSERT(pixbuf != NULL);
     return 0;
 }
 

@@ -9,22 +9,10 @@
 
 #include "matting/alpha_solve.h"
 #include "matting/upsample.h"
+#include "matting/binomial_taps.h"
 #include "numeric/arrays.h"
 
 namespace {
-
-// Binomial taps of order 2f, normalised to sum 1: 1/4 [1 2 1] for f = 1, 1/16 [1 4 6 4 1] for f = 2.
-std::vector<double> binomial_taps(int f) {
-    if (f < 0) f = 0;
-    std::vector<double> taps(2 * f + 1, 0.0);
-    taps[0] = 1.0;
-    for (int k = 1; k <= 2 * f; k++)
-        for (int t = k; t > 0; t--)
-            taps[t] += taps[t - 1];
-    for (double &t : taps)
-        t /= (double)(1L << (2 * f));
-    return taps;
-}
 
 // Outer product of the taps: the two-dimensional kernel, [b + f][a + f] at row offset b, column offset a.
 std::vector<double> kernel_2d(const std::vector<double> &taps) {

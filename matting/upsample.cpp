@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <vector>
 
+#include "matting/binomial_taps.h"
 #include "numeric/arrays.h"
 #include "numeric/dense.h"
 
@@ -23,14 +24,9 @@ double sample(const TIFF_img *image, int c, int ch, int y, int x) {
 // Interpolation taps: twice the binomial taps of order 2f, so that with zeros between the samples the
 // two-dimensional weights at every position still sum to 1.
 std::vector<double> interpolation_taps(int f) {
-    if (f < 0) f = 0;
-    std::vector<double> taps(2 * f + 1, 0.0);
-    taps[0] = 1.0;
-    for (int k = 1; k <= 2 * f; k++)
-        for (int t = k; t > 0; t--)
-            taps[t] += taps[t - 1];
+    std::vector<double> taps = binomial_taps(f);
     for (double &t : taps)
-        t = 2.0 * t / (double)(1L << (2 * f));
+        t *= 2.0;
     return taps;
 }
 
