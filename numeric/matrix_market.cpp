@@ -210,7 +210,7 @@ int mm_read_mtx_crd_data(FILE *f, int M, int N, int nz, int I[], int J[], double
     if (nz < 0) return MM_UNSUPPORTED_TYPE;
     for (int k = 0; k < nz; k++) {
         int i, j;
-        double re, im;
+        double re = 0.0, im = 0.0;
         int status = mm_read_mtx_crd_entry(f, &i, &j, &re, &im, code);
         if (status != 0) return status;
         if (i < 1 || i > M || j < 1 || j > N) return MM_UNSUPPORTED_TYPE;
@@ -255,7 +255,7 @@ int read_crd_stream(FILE *f, CrdFile *out, int *stage) {
     out->J.reserve(guess);
     for (int k = 0; k < out->nz; k++) {
         int i, j;
-        double re, im;
+        double re = 0.0, im = 0.0;
         status = mm_read_mtx_crd_entry(f, &i, &j, &re, &im, out->code);
         if (status != 0) return status;
         if (i < 1 || i > out->M || j < 1 || j > out->N) return MM_UNSUPPORTED_TYPE;
