@@ -1,5 +1,6 @@
-// The compact by-diagonals store: products and Gauss-Seidel sweeps checked against the same matrix read
-// element by element. (Its compressed-column copies are checked by solving with them.)
+// The compact by-diagonals store: the product, and the Gauss-Seidel sweeps of its single-precision copy
+// (the fine smoother's), checked against the matrix read element by element. (Its compressed-column
+// copies are checked by solving with them.)
 #include <gtest/gtest.h>
 
 #include "matting/grid_matrix.h"
@@ -8,18 +9,23 @@
 namespace {
 
 TEST(GridMatrix, ProductAndSymmetricGaussSeidelSweepsMatchTheMatrix) {
-    // Two rows with reach 2 give forward offsets of equal shift; 260 x 300 is split over two threads,
+    // Two rows with reach 2 give forward offsets of equal shift; 380 x 350 is split over two threads,
     // and the sweep pair must still be one symmetric operator S, u^T S v = v^T S u, or conjugate
     // gradients would lose their footing.
-    for (auto [H, W, reach] : {std::tuple{2, 5, 2}, {11, 13, 3}, {260, 300, 2}}) {
-        const GridMatrix A = randomGridMatrix(H, W, reach, 53u + H);
+    for (auto [H, W, reach] : {std::tuple{2, 5, 2}, {11, 13, 3}, {380, 350, 2}}) {
+        GridMatrix A = randomGridMatrix(H, W, reach, 53u + H);
+        for (std::vector<double> *plane : {&A.diag, &A.bands}) // values the copy holds exactly
+            for (double &v : *plane)
+                v = float(v);
+        GridMatrixSingle S;
+        copyGridMatrixSingle(&A, &S);
         const int64_t n = gridPixels(&A), unused = n / 3;
         const std::vector<double> b = randomVector(n, 59u), u = randomVector(n, 61u);
         std::vector<double> inv(n), x(n, 7.0), x2(n), res(n), y(n), Su(n);
         for (int64_t p = 0; p < n; ++p)
             inv[p] = p == unused ? 0.0 : 1.0 / A.diag[p]; // a pixel left at 0 still has its residual
-        sweepGridMatrix(&A, inv.data(), b.data(), x.data(), true, true);
-        sweepGridMatrixWithResidual(&A, inv.data(), b.data(), x2.data(), res.data());
+        sweepGridMatrix(&S, inv.data(), b.data(), x.data(), true, true);
+        sweepGridMatrixWithResidual(&S, inv.data(), b.data(), x2.data(), res.data());
         multiplyGridMatrix(&A, x.data(), y.data());
         for (int64_t p = 0; p < n; ++p) {
             double Ax = 0.0, lower = 0.0;
@@ -28,37 +34,35 @@ TEST(GridMatrix, ProductAndSymmetricGaussSeidelSweepsMatchTheMatrix) {
                 lower += q <= p ? v * x[q] : 0.0;
             });
             ASSERT_NEAR(y[p], Ax, 1e-12) << H << "x" << W << " pixel " << p;
-            ASSERT_EQ(x2[p], x[p]) << p;
+            ASSERT_NEAR(x2[p], x[p], 1e-15) << p;
             ASSERT_NEAR(res[p], b[p] - Ax, 1e-12) << p;
             if (n < 1000 && p != unused) { // not split: Gauss-Seidel in pixel order, (D + L) x = b
                 ASSERT_NEAR(lower, b[p], 1e-12) << p;
             }
         }
         EXPECT_EQ(x[unused], 0.0);
-        // The fine smoother's single-precision copy, made on two threads for the large grid.
-        GridMatrixSingle S;
-        copyGridMatrixSingle(&A, &S);
-        EXPECT_EQ(S.diag, std::vector<float>(A.diag.begin(), A.diag.end()));
-        EXPECT_EQ(S.bands, std::vector<float>(A.bands.begin(), A.bands.end()));
-        sweepGridMatrix(&A, inv.data(), b.data(), x.data(), false, false);
-        sweepGridMatrix(&A, inv.data(), u.data(), Su.data(), true, true);
-        sweepGridMatrix(&A, inv.data(), u.data(), Su.data(), false, false);
+        sweepGridMatrix(&S, inv.data(), b.data(), x.data(), false, false);
+        sweepGridMatrix(&S, inv.data(), u.data(), Su.data(), true, true);
+        sweepGridMatrix(&S, inv.data(), u.data(), Su.data(), false, false);
         expectSymmetric(b.data(), x.data(), u.data(), Su.data(), n, 1e-12);
     }
 }
 
 TEST(GridMatrix, SweepsOnActiveRunsLeaveLonePixelsAlone) {
     // Cut every coupling of a block of pixels and of pixel 3, whose row is left empty as for a pixel in
-    // no window and without constraint: they become equations of their own, and the runs skip them.
-    GridMatrix A = randomGridMatrix(40, 30, 2, 71u);
+    // no window and without constraint: they become equations of their own, and the runs skip them,
+    // clipped where the sweeps are split over two threads.
+    GridMatrix A = randomGridMatrix(400, 330, 2, 71u);
     const int64_t n = gridPixels(&A);
     auto lone = [](int64_t p) {
-        return p == 3 || (p % 40 >= 10 && p % 40 < 20 && p / 40 >= 5 && p / 40 < 25);
+        return p == 3 || (p % 400 >= 10 && p % 400 < 20 && p / 400 >= 5 && p / 400 < 25);
     };
     for (size_t k = 0; k < A.band_shift.size(); ++k)
         for (int64_t p = 0; p + A.band_shift[k] < n; ++p)
             if (lone(p) || lone(p + A.band_shift[k])) A.bands[k * n + p] = 0.0;
     A.diag[3] = 0.0;
+    GridMatrixSingle S;
+    copyGridMatrixSingle(&A, &S);
     PixelRuns runs;
     gridActiveRuns(&A, &runs);
     std::vector<char> in_run(n, 0);
@@ -70,20 +74,14 @@ TEST(GridMatrix, SweepsOnActiveRunsLeaveLonePixelsAlone) {
     std::vector<double> inv(n), full(n), part(n, 5.0), res(n);
     for (int64_t p = 0; p < n; ++p)
         inv[p] = A.diag[p] > 0.0 ? 1.0 / A.diag[p] : 0.0;
-    sweepGridMatrix(&A, inv.data(), b.data(), full.data(), true, true);
-    sweepGridMatrixWithResidual(&A, inv.data(), b.data(), part.data(), res.data(), &runs);
+    sweepGridMatrix(&S, inv.data(), b.data(), full.data(), true, true);
+    sweepGridMatrixWithResidual(&S, inv.data(), b.data(), part.data(), res.data(), &runs);
+    sweepGridMatrix(&S, inv.data(), b.data(), full.data(), false, false);
+    sweepGridMatrix(&S, inv.data(), b.data(), part.data(), false, false, &runs);
     for (int64_t p = 0; p < n; ++p) {
-        EXPECT_EQ(in_run[p], !lone(p)) << p;
-        EXPECT_DOUBLE_EQ(part[p], lone(p) ? 5.0 : full[p]) << "lone pixels are not written: " << p;
+        ASSERT_EQ(in_run[p], !lone(p)) << p;
+        ASSERT_NEAR(part[p], lone(p) ? 5.0 : full[p], 1e-15) << "lone pixels are not written: " << p;
     }
-    // Backward over a window: the pieces of the runs inside it, last first.
-    int64_t next = 900, inside = 0;
-    forEachRunBackward(&runs, 100, 900, [&](int64_t first, int64_t last) {
-        EXPECT_TRUE(100 <= first && first < last && last <= next) << first << ", " << last;
-        next = first;
-        inside += last - first;
-    });
-    EXPECT_EQ(inside, std::count(in_run.begin() + 100, in_run.begin() + 900, 1));
 }
 
 } // namespace

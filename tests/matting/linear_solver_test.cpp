@@ -2,6 +2,8 @@
 // matrix, and each failure reported with its status and message rather than as a wrong answer.
 #include <gtest/gtest.h>
 
+#include <numeric>
+
 #include "matting/linear_solver.h"
 #include "synthetic_scene.h"
 
@@ -9,12 +11,10 @@ namespace {
 
 // |a - b| / |b|
 double relativeDistance(const std::vector<double> &a, const std::vector<double> &b) {
-    double d = 0.0, s = 0.0;
-    for (size_t k = 0; k < a.size(); ++k) {
+    double d = 0.0;
+    for (size_t k = 0; k < a.size(); ++k)
         d += (a[k] - b[k]) * (a[k] - b[k]);
-        s += b[k] * b[k];
-    }
-    return std::sqrt(d / s);
+    return std::sqrt(d / std::inner_product(b.begin(), b.end(), b.begin(), 0.0));
 }
 
 double relativeResidual(const GridSystem &sys, const std::vector<double> &x) {
@@ -26,20 +26,17 @@ double relativeResidual(const GridSystem &sys, const std::vector<double> &x) {
 TEST(LinearSolver, EverySolverMatchesTheDenseSolution) {
     // A scene's system, and a random one on four rows, where offsets of equal shift meet in the
     // compressed columns the direct solvers are given.
-    GridSystem random;
-    random.A = randomGridMatrix(4, 7, 2, 3u);
-    random.b = randomVector(28, 5u);
+    const GridSystem random{randomGridMatrix(4, 7, 2, 3u), randomVector(28, 5u), 0, {}};
     for (GridSystem sys : {sceneSystem(24, 30, false), random}) {
         const int64_t n = gridPixels(&sys.A);
         std::vector<double> D(n * n, 0.0), x(n);
         for (int64_t p = 0; p < n; ++p)
             forEachElement(sys.A, p, [&](int64_t q, double v) { D[p * n + q] = v; });
         const std::vector<double> ref = dense_solve(D, sys.b);
+        SolverReport report;
         for (SolverKind kind : {SOLVER_UMFPACK, SOLVER_CHOLMOD, SOLVER_CG}) {
-            SolverReport report;
             ASSERT_EQ(solveLinearSystem(kind, &sys, x.data(), nullptr, &report), SOLVE_OK)
                 << solverKindName(kind) << ": " << report.message;
-            EXPECT_TRUE(report.message.empty());
             // Conjugate gradients stop by the residual rule; the direct solvers are exact to rounding.
             EXPECT_LE(relativeResidual(sys, x), SolverOptions().tolerance) << solverKindName(kind);
             EXPECT_LT(relativeDistance(x, ref), kind == SOLVER_CG ? 1e-6 : 1e-8) << solverKindName(kind);
@@ -48,17 +45,16 @@ TEST(LinearSolver, EverySolverMatchesTheDenseSolution) {
         sys.b.assign(n, 0.0);
         SolverOptions start;
         start.use_start = true;
-        SolverReport report;
         EXPECT_EQ(solveLinearSystem(SOLVER_CG, &sys, x.data(), &start, &report), SOLVE_OK);
         EXPECT_EQ(x, std::vector<double>(n, 0.0));
     }
 }
 
-TEST(LinearSolver, ConjugateGradientsMeetTheResidualRuleOrReportTheCap) {
+TEST(LinearSolver, ConjugateGradientsMeetTheResidualRuleFastOrReportTheCap) {
     // Large enough for the multigrid to have coarse levels and for the work to be split over threads.
     for (bool trimap : {false, true}) {
         SCOPED_TRACE(trimap ? "trimap" : "scribbles");
-        const GridSystem sys = sceneSystem(150, 180, trimap);
+        const GridSystem sys = sceneSystem(180, 200, trimap);
         std::vector<double> direct(sys.b.size()), x(sys.b.size());
         SolverReport report;
         ASSERT_EQ(solveLinearSystem(SOLVER_CHOLMOD, &sys, direct.data(), nullptr, &report), SOLVE_OK);
@@ -66,7 +62,7 @@ TEST(LinearSolver, ConjugateGradientsMeetTheResidualRuleOrReportTheCap) {
         const double residual = relativeResidual(sys, x);
         EXPECT_LE(residual, 1e-10);
         EXPECT_NEAR(report.relative_residual, residual, 1e-3 * residual + 1e-14);
-        EXPECT_LT(report.iterations, 60);
+        EXPECT_LT(report.iterations, 50);
         EXPECT_LT(relativeDistance(x, direct), 1e-6);
         // Rows without neighbours (the trimap's inside) get exactly b / diagonal: a matte of 1 there,
         // not 1 minus the iteration's last rounding error (254, not 255).
@@ -79,23 +75,22 @@ TEST(LinearSolver, ConjugateGradientsMeetTheResidualRuleOrReportTheCap) {
             ++lone;
         }
         EXPECT_GE(lone, trimap ? 1000 : 0);
-        // Restarting from the solution itself needs no further work; three iterations from zero are
-        // not enough, and say so.
+        // The matting Laplacian gives almost no energy to alpha = b + a . colour, texture and noise
+        // included, and a coarse space of constants alone cannot represent those errors: without the
+        // colours, three times as many iterations are not enough, and the cap is reported.
+        const GridSystem grey{sys.A, sys.b, 0, {}}; // no colour planes
         SolverOptions options;
-        options.use_start = true;
-        EXPECT_EQ(solveLinearSystem(SOLVER_CG, &sys, x.data(), &options, &report), SOLVE_OK);
-        EXPECT_LE(report.iterations, 1);
-        options.use_start = false;
-        options.max_iterations = 3;
-        EXPECT_EQ(solveLinearSystem(SOLVER_CG, &sys, x.data(), &options, &report), SOLVE_NO_CONVERGENCE);
-        EXPECT_EQ(report.iterations, 3);
-        const std::string text =
-            "conjugate gradients did not converge within 3 iterations: the relative residual is ";
+        options.max_iterations = 3 * report.iterations;
+        EXPECT_EQ(solveLinearSystem(SOLVER_CG, &grey, x.data(), &options, &report), SOLVE_NO_CONVERGENCE);
+        EXPECT_EQ(report.iterations, options.max_iterations);
+        const std::string text = "conjugate gradients did not converge within " +
+                                 std::to_string(options.max_iterations) +
+                                 " iterations: the relative residual is ";
         EXPECT_EQ(report.message.substr(0, text.size()), text);
     }
 }
 
-TEST(LinearSolver, SolversRefuseAMatrixThatIsNotPositiveDefinite) {
+TEST(LinearSolver, CholmodRefusesAMatrixThatIsNotPositiveDefinite) {
     GridSystem sys;
     initGridMatrix(&sys.A, 5, 6, 1);
     const int64_t n = gridPixels(&sys.A);
@@ -109,14 +104,6 @@ TEST(LinearSolver, SolversRefuseAMatrixThatIsNotPositiveDefinite) {
     EXPECT_EQ(report.message, "the matrix is not positive definite: the Cholesky factorisation failed at the "
                               "pixel in row 2, column 3");
     EXPECT_EQ(x[0], 123.0) << "the output is left alone";
-    // Conjugate gradients: two pixels coupled more strongly than their diagonals allow (eigenvalues -1
-    // and 3) give a direction of negative curvature.
-    sys.A.diag.assign(n, 1.0);
-    sys.A.bands[gridBandIndex(&sys.A, 1, 0) * n + 0] = 2.0;
-    sys.b.assign(n, 0.0);
-    sys.b[0] = 1.0;
-    EXPECT_EQ(solveLinearSystem(SOLVER_CG, &sys, x.data(), nullptr, &report), SOLVE_NOT_POSITIVE_DEFINITE);
-    EXPECT_NE(report.message.find("positive definite"), std::string::npos) << report.message;
 }
 
 } // namespace

@@ -15,12 +15,10 @@
 #include "matting/compact_laplacian.h"
 
 struct SyntheticScene {
-    int height, width;
     TIFF_img image;
     double **map, **values; // constraint weights (0 or 1) and values
     // trimap: constrain everything but a band around the blob's edge, instead of scribbles.
-    SyntheticScene(int H, int W, bool trimap)
-        : height(H), width(W), map(make_map(H, W, 0.0)), values(make_map(H, W, 0.0)) {
+    SyntheticScene(int H, int W, bool trimap) : map(make_map(H, W, 0.0)), values(make_map(H, W, 0.0)) {
         get_TIFF(&image, H, W, 'c');
         const double cx = W * 0.5, cy = H * 0.5, R0 = std::min(H, W) * 0.3,
                      band = std::min(H, W) * 0.04 + 3.0;
@@ -64,12 +62,12 @@ inline GridSystem sceneSystem(int H, int W, bool trimap) {
     return sys;
 }
 
+// Uniform in [-1, 1).
 inline std::vector<double> randomVector(size_t n, unsigned seed) {
     std::mt19937 rng(seed);
-    std::uniform_real_distribution<double> u(-1.0, 1.0);
     std::vector<double> v(n);
     for (double &x : v)
-        x = u(rng);
+        x = std::uniform_real_distribution<double>(-1.0, 1.0)(rng);
     return v;
 }
 
