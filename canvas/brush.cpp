@@ -88,20 +88,11 @@ void draw_line(double x, double y, GtkWidget *widget) {
     gboolean eraser = alpha == 0.0;
     double x1, y1, x2, y2;
 
-    cairo_t *cr = cairo_create(surf_layer);
-    if (eraser) cairo_set_operator(cr, CAIRO_OPERATOR_DEST_OUT);
-    cairo_set_source_rgb(cr, red, green, blue);
+    cairo_t *cr = stroke_context_on_layer(eraser, red, green, blue);
     standard_draw(cr, trunc(x), trunc(y), &x1, &y1, &x2, &y2);
     cairo_destroy(cr);
 
-    cr = cairo_create(win_surf);
-    cairo_scale(cr, scale, scale);
-    if (eraser) {
-        view_set_source_pixbuf(cr, pixbuf_image);
-        cairo_set_operator(cr, CAIRO_OPERATOR_SOURCE);
-    } else {
-        cairo_set_source_rgb(cr, red, green, blue);
-    }
+    cr = stroke_context_on_view(eraser, red, green, blue);
     standard_draw(cr, trunc(x), trunc(y), &x1, &y1, &x2, &y2);
     cairo_destroy(cr);
 

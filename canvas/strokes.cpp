@@ -92,27 +92,38 @@ static void add_stroke_path(cairo_t *cr, const double *record, int n) {
     }
 }
 
-void paint_stroke_array(const double *record) {
-    double r = record[STROKE_RADIUS];
-    int n = (int)record[STROKE_LENGTH];
-    gboolean eraser = record[STROKE_ALPHA] == 0.0;
-
+cairo_t *stroke_context_on_layer(gboolean eraser, double r, double g, double b) {
     cairo_t *cr = cairo_create(surf_layer);
     if (eraser) cairo_set_operator(cr, CAIRO_OPERATOR_DEST_OUT);
-    cairo_set_source_rgb(cr, record[STROKE_RED], record[STROKE_GREEN], record[STROKE_BLUE]);
-    set_stroke_pen(cr, r);
-    add_stroke_path(cr, record, n);
-    cairo_stroke(cr);
-    cairo_destroy(cr);
+    cairo_set_source_rgb(cr, r, g, b);
+    return cr;
+}
 
-    cr = cairo_create(win_surf);
+cairo_t *stroke_context_on_view(gboolean eraser, double r, double g, double b) {
+    cairo_t *cr = cairo_create(win_surf);
     cairo_scale(cr, scale, scale);
     if (eraser) {
         view_set_source_pixbuf(cr, pixbuf_image);
         cairo_set_operator(cr, CAIRO_OPERATOR_SOURCE);
     } else {
-        cairo_set_source_rgb(cr, record[STROKE_RED], record[STROKE_GREEN], record[STROKE_BLUE]);
+        cairo_set_source_rgb(cr, r, g, b);
     }
+    return cr;
+}
+
+void paint_stroke_array(const double *record) {
+    double r = record[STROKE_RADIUS];
+    int n = (int)record[STROKE_LENGTH];
+    gboolean eraser = record[STROKE_ALPHA] == 0.0;
+
+    cairo_t *cr =
+        stroke_context_on_layer(eraser, record[STROKE_RED], record[STROKE_GREEN], record[STROKE_BLUE]);
+    set_stroke_pen(cr, r);
+    add_stroke_path(cr, record, n);
+    cairo_stroke(cr);
+    cairo_destroy(cr);
+
+    cr = stroke_context_on_view(eraser, record[STROKE_RED], record[STROKE_GREEN], record[STROKE_BLUE]);
     set_stroke_pen(cr, r);
     add_stroke_path(cr, record, n);
     double x1, y1, x2, y2;

@@ -53,6 +53,13 @@ void manage_glist_mbutton_press(void);
 // NULL. The record may move; the list node is updated.
 void stroke_add_point(double sx, double sy);
 
+// stroke_context_on_layer, stroke_context_on_view: a new cairo context that paints a stroke of colour
+// (r, g, b), or erases when eraser is set, on surf_layer (image pixels: the eraser clears the layer)
+// and on win_surf (scaled to the view: the eraser paints the image back over the stroke). The caller
+// sets the pen and path, strokes, and destroys the context.
+cairo_t *stroke_context_on_layer(gboolean eraser, double r, double g, double b);
+cairo_t *stroke_context_on_view(gboolean eraser, double r, double g, double b);
+
 // paint_stroke_array: paints one stroke record onto surf_layer (image pixels; an eraser stroke clears
 // layer pixels) and onto win_surf at the current zoom (an eraser stroke shows pixbuf_image again), with
 // round caps and no antialiasing, so the layer only ever gets fully opaque or fully cleared pixels.
