@@ -411,6 +411,25 @@ template <typename Index> static void checkIndexRange(int64_t count) {
     if (count > int64_t(std::numeric_limits<Index>::max())) throw std::bad_alloc();
 }
 
+// Appends the stored elements of column q on and above the diagonal, rows ascending, diagonal last.
+template <typename Index>
+static void appendUpperColumn(const GridMatrix *A, const std::vector<size_t> &order, int64_t q,
+                              std::vector<Index> *rowind, std::vector<double> *values) {
+    const int64_t n = gridPixels(A);
+    for (size_t k : order) {
+        const int64_t p = q - A->band_shift[k];
+        if (p < 0) continue;
+        const double v = A->bands[k * n + p];
+        if (v == 0.0) continue;
+        rowind->push_back(Index(p));
+        values->push_back(v);
+    }
+    if (A->diag[q] != 0.0) {
+        rowind->push_back(Index(q));
+        values->push_back(A->diag[q]);
+    }
+}
+
 template <typename Index>
 void gridMatrixToUpperColumns(const GridMatrix *A, std::vector<Index> *colptr, std::vector<Index> *rowind,
                               std::vector<double> *values) {
@@ -424,18 +443,7 @@ void gridMatrixToUpperColumns(const GridMatrix *A, std::vector<Index> *colptr, s
     rowind->reserve(gridNonZeros(A));
     values->reserve(gridNonZeros(A));
     for (int64_t q = 0; q < n; ++q) {
-        for (size_t k : order) {
-            const int64_t p = q - A->band_shift[k];
-            if (p < 0) continue;
-            const double v = A->bands[k * n + p];
-            if (v == 0.0) continue;
-            rowind->push_back(Index(p));
-            values->push_back(v);
-        }
-        if (A->diag[q] != 0.0) {
-            rowind->push_back(Index(q));
-            values->push_back(A->diag[q]);
-        }
+        appendUpperColumn(A, order, q, rowind, values);
         (*colptr)[q + 1] = Index(rowind->size());
     }
 }
@@ -459,18 +467,7 @@ void gridMatrixToFullColumns(const GridMatrix *A, std::vector<Index> *colptr, st
     values->reserve(total);
     const size_t nbands = A->band_shift.size();
     for (int64_t q = 0; q < n; ++q) {
-        for (size_t k : order) {
-            const int64_t p = q - A->band_shift[k];
-            if (p < 0) continue;
-            const double v = A->bands[k * n + p];
-            if (v == 0.0) continue;
-            rowind->push_back(Index(p));
-            values->push_back(v);
-        }
-        if (A->diag[q] != 0.0) {
-            rowind->push_back(Index(q));
-            values->push_back(A->diag[q]);
-        }
+        appendUpperColumn(A, order, q, rowind, values);
         for (size_t k = 0; k < nbands; ++k) {
             const int64_t p = q + A->band_shift[k];
             if (p >= n) continue;
