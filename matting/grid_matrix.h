@@ -111,41 +111,37 @@ void multiplyGridMatrix(const GridMatrix *A, const double *x, double *y);
 // block for fused loops that split a range themselves.
 void multiplyGridMatrixRange(const GridMatrix *A, const double *x, double *y, int64_t begin, int64_t end);
 
-// sweepGridMatrix: one Gauss-Seidel sweep for A x = b over the pixels, forward or backward, on both
-// cores for large grids. The pixel order is the same in every sweep and the backward sweep runs it in
-// reverse, so a forward sweep before and a backward sweep after a coarse correction make a symmetric
-// cycle. With `from_zero` (forward only) x is set to zero first and the pixels not yet visited are
-// not read.
-//   inv_diag  input: 1 / A(p, p), or 0 for a pixel to be left at 0 (a row that is not used)
-//   b         input
-//   x         modified
-//   runs      input: the pixels to update (null: all); the others are neither written nor, through
-//             a non-zero coupling, read
-void sweepGridMatrix(const GridMatrix *A, const double *inv_diag, const double *b, double *x, bool forward,
-                     bool from_zero, const PixelRuns *runs = nullptr);
-
-// sweepGridMatrixWithResidual: the forward sweep from zero of sweepGridMatrix, and the residual it
-// leaves, res = b - A x, formed during the same pass over the matrix (on the runs only, when given).
-//   inv_diag, b  input: as sweepGridMatrix
-//   x            output
-//   res          output: n values, must not overlap b or x
-void sweepGridMatrixWithResidual(const GridMatrix *A, const double *inv_diag, const double *b, double *x,
-                                 double *res, const PixelRuns *runs = nullptr);
-
-// GridMatrixSingle: a single-precision copy of a GridMatrix's planes. Sweeps that only steer an
-// iteration (the multigrid smoother) read half the bytes from it.
+// GridMatrixSingle: A rounded to single precision and stored pixel by pixel, the fine-level smoother's
+// copy. Each pixel's record is its whole (2 reach + 1)^2 stencil, the diagonal in the middle and
+// A(p, p + drow + dcol * height) at [(dcol + reach) * (2 reach + 1) + drow + reach], 0.0 for neighbours
+// outside the grid: twice the floats of the planes, but a sweep reads one contiguous record per pixel
+// and, for each column of the stencil, consecutive pixels of x.
 struct GridMatrixSingle {
     const GridMatrix *A = nullptr; // the matrix copied, for its shape
-    std::vector<float> diag, bands;
+    std::vector<float> stencil;    // [n][(2 reach + 1)^2]
 };
 
 // copyGridMatrixSingle: S = A rounded to single precision; S refers to A for its shape.
 void copyGridMatrixSingle(const GridMatrix *A, GridMatrixSingle *S);
 
-// sweepGridMatrix, sweepGridMatrixWithResidual on the single-precision copy: the same sweeps for the
-// matrix S holds (A rounded), with all sums in double precision.
+// sweepGridMatrix: one Gauss-Seidel sweep for S x = b over the pixels, forward or backward, with all
+// sums in double precision, on both cores for large grids. The pixel order is the same in every sweep
+// and the backward sweep runs it in reverse, so a forward sweep before and a backward sweep after a
+// coarse correction make a symmetric cycle. With `from_zero` (forward only) x is set to zero first and
+// the pixels not yet visited are not read.
+//   inv_diag  input: 1 / A(p, p), or 0 for a pixel to be left at 0 (a row that is not used)
+//   b         input
+//   x         modified
+//   runs      input: the pixels to update (null: all); the others are neither written nor, through
+//             a non-zero coupling, read
 void sweepGridMatrix(const GridMatrixSingle *S, const double *inv_diag, const double *b, double *x,
                      bool forward, bool from_zero, const PixelRuns *runs = nullptr);
+
+// sweepGridMatrixWithResidual: the forward sweep from zero of sweepGridMatrix, and the residual it
+// leaves, res = b - S x, formed while the records are still in the cache (on the runs only, when given).
+//   inv_diag, b  input: as sweepGridMatrix
+//   x            output
+//   res          output: n values, must not overlap b or x
 void sweepGridMatrixWithResidual(const GridMatrixSingle *S, const double *inv_diag, const double *b,
                                  double *x, double *res, const PixelRuns *runs = nullptr);
 

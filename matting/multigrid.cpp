@@ -571,8 +571,8 @@ int multigridLevelCount(const Multigrid *mg) {
 
 size_t multigridBytes(const Multigrid *mg) {
     size_t bytes = mg->inv_diag.size() * sizeof(double) + mg->basis.size() * sizeof(float) +
-                   (mg->smoother.diag.size() + mg->smoother.bands.size()) * sizeof(float) +
-                   mg->residual.size() * sizeof(double) + mg->coarsest.lower.size() * sizeof(double);
+                   mg->smoother.stencil.size() * sizeof(float) + mg->residual.size() * sizeof(double) +
+                   mg->coarsest.lower.size() * sizeof(double);
     for (const auto &L : mg->levels) {
         bytes += (L->K.blocks.size() + L->K.inverse.size()) * sizeof(float);
         bytes += (L->candidates.size() + L->transfer.size()) * sizeof(double);
