@@ -92,20 +92,20 @@ static inline void store4(float *p, Float4 v) {
     std::memcpy(p, &v, sizeof v);
 }
 
-// s - M x for a block M stored by columns.
-static inline Float4 minusBlock(Float4 s, const float *M, const float *x) {
-    return s - (load4(M) * x[0] + load4(M + 4) * x[1] + load4(M + 8) * x[2] + load4(M + 12) * x[3]);
+// M x for a block M stored by columns, the four products added pairwise.
+static inline Float4 productBlock(const float *M, const float *x) {
+    return (load4(M) * x[0] + load4(M + 4) * x[1]) + (load4(M + 8) * x[2] + load4(M + 12) * x[3]);
 }
 
 typedef int Int4 __attribute__((vector_size(16)));
 
-// s - M^T x: component c is the dot product of column c with x, four products added across lanes.
-static inline Float4 minusTransposed(Float4 s, const float *M, const float *x) {
+// M^T x: component c is the dot product of column c with x, four products added across lanes.
+static inline Float4 productTransposed(const float *M, const float *x) {
     const Float4 v = load4(x);
     const Float4 a = load4(M) * v, b = load4(M + 4) * v, c = load4(M + 8) * v, d = load4(M + 12) * v;
     const Float4 ab = __builtin_shuffle(a, b, Int4{0, 4, 2, 6}) + __builtin_shuffle(a, b, Int4{1, 5, 3, 7});
     const Float4 cd = __builtin_shuffle(c, d, Int4{0, 4, 2, 6}) + __builtin_shuffle(c, d, Int4{1, 5, 3, 7});
-    return s - (__builtin_shuffle(ab, cd, Int4{0, 1, 4, 5}) + __builtin_shuffle(ab, cd, Int4{2, 3, 6, 7}));
+    return __builtin_shuffle(ab, cd, Int4{0, 1, 4, 5}) + __builtin_shuffle(ab, cd, Int4{2, 3, 6, 7});
 }
 
 // Unknown offsets of the nine neighbour slots of a node on a grid of height h.
@@ -115,39 +115,53 @@ static void slotOffsets(int h, int64_t offset[kBlockSlots]) {
             offset[(dr + 1) + 3 * (dc + 1)] = (dr + int64_t(dc) * h) * kBlockDofs;
 }
 
-// s minus the coupling of node a to its neighbours before it (slots 0 .. 3), read as transposes of
-// their blocks towards a. A "neighbour" that wraps round the end of a column is another node whose
-// block in that direction points out of the grid and is zero; one before the first node is skipped.
-static inline Float4 minusLower(const BlockGrid *K, int64_t a, const int64_t *offset, const float *x,
-                                Float4 s) {
-    for (int slot = 0; slot < kCentreSlot; ++slot) {
-        const int64_t c = a + offset[slot] / kBlockDofs;
-        if (c < 0) continue;
-        s = minusTransposed(s, blockAt(K, c, 8 - slot), x + a * 4 + offset[slot]);
+// K(a, c) x_c for the neighbour c of node a at `slot`: a's own block for the neighbours after it, the
+// transpose of c's block towards a for those before it. A "neighbour" that wraps round the end of a
+// column is another node whose block in that direction points out of the grid and is zero; one before
+// the first node is skipped, and those after the last are read from the vectors' margins through zero
+// blocks.
+static inline Float4 slotProduct(const BlockGrid *K, int64_t a, int slot, const int64_t *offset,
+                                 const float *x) {
+    const float *xc = x + a * 4 + offset[slot];
+    if (slot >= kCentreSlot) return productBlock(blockAt(K, a, slot), xc);
+    const int64_t c = a + offset[slot] / kBlockDofs;
+    if (c < 0) return Float4{0, 0, 0, 0};
+    return productTransposed(blockAt(K, c, 8 - slot), xc);
+}
+
+// start - sum of K(a, c) x_c over the slots [first, last] (the centre included when it lies there),
+// `dependent` subtracted last: the neighbour a sweep updated just before a, so that the other products
+// do not wait for it. Two running sums keep the additions from forming one long chain.
+static inline Float4 minusSlots(const BlockGrid *K, int64_t a, const int64_t *offset, const float *x,
+                                Float4 start, int first, int last, int dependent) {
+    Float4 even = start, odd = {0, 0, 0, 0};
+    int count = 0;
+#pragma GCC unroll 9
+    for (int slot = first; slot <= last; ++slot) {
+        if (slot == dependent) continue;
+        const Float4 t = slotProduct(K, a, slot, offset, x);
+        if (count++ & 1)
+            odd += t;
+        else
+            even -= t;
     }
+    Float4 s = even - odd;
+    if (dependent >= first && dependent <= last) s -= slotProduct(K, a, dependent, offset, x);
     return s;
 }
 
-// s minus the coupling of node a to its neighbours after it (slots 5 .. 8).
-static inline Float4 minusUpper(const BlockGrid *K, int64_t a, const int64_t *offset, const float *x,
-                                Float4 s) {
-    for (int slot = kCentreSlot + 1; slot < kBlockSlots; ++slot)
-        s = minusBlock(s, blockAt(K, a, slot), x + a * 4 + offset[slot]);
-    return s;
-}
+// Slots of the neighbours a forward sweep (a - 1) and a backward sweep (a + 1) updated just before a.
+constexpr int kPreviousSlot = 3, kNextSlot = 5;
 
-// y = K x (b null) or y = b - K x over the nodes [begin, end). Neighbours outside the grid are read from
-// the vectors' margins through zero blocks, so border nodes need no tests.
+// y = K x (b null) or y = b - K x over the nodes [begin, end).
 static void multiplyRange(const BlockGrid *K, const float *x, float *y, const float *b, int64_t begin,
                           int64_t end) {
     int64_t offset[kBlockSlots];
     slotOffsets(K->height, offset);
+    const Float4 zero = {0, 0, 0, 0};
     for (int64_t a = begin; a < end; ++a) {
-        Float4 s = {0, 0, 0, 0};
-        s = minusBlock(s, blockAt(K, a, kCentreSlot), x + a * 4);
-        s = minusUpper(K, a, offset, x, s);
-        s = minusLower(K, a, offset, x, s);
-        store4(y + a * 4, b ? load4(b + a * 4) + s : -s);
+        const Float4 s = minusSlots(K, a, offset, x, b ? load4(b + a * 4) : zero, 0, kBlockSlots - 1, -1);
+        store4(y + a * 4, b ? s : -s);
     }
 }
 
@@ -165,7 +179,7 @@ void residualBlockGrid(const BlockGrid *K, const BlockVector *b, const BlockVect
 
 static inline Float4 applyInverse(const BlockGrid *K, int64_t a, Float4 s) {
     const float *M = &K->inverse[size_t(a) * kBlockSize];
-    return load4(M) * s[0] + load4(M + 4) * s[1] + load4(M + 8) * s[2] + load4(M + 12) * s[3];
+    return (load4(M) * s[0] + load4(M + 4) * s[1]) + (load4(M + 8) * s[2] + load4(M + 12) * s[3]);
 }
 
 // One block Gauss-Seidel step at each node of [from, to), ascending or descending.
@@ -173,16 +187,19 @@ static void relaxRange(const BlockGrid *K, const float *b, float *x, int64_t fro
                        bool ascending) {
     int64_t offset[kBlockSlots];
     slotOffsets(K->height, offset);
-    auto relax = [&](int64_t a) {
-        Float4 s = minusLower(K, a, offset, x, minusUpper(K, a, offset, x, load4(b + a * 4)));
-        store4(x + a * 4, applyInverse(K, a, s));
-    };
+    // Every slot but the centre, the half holding the dependent neighbour last.
     if (ascending)
-        for (int64_t a = from; a < to; ++a)
-            relax(a);
+        for (int64_t a = from; a < to; ++a) {
+            Float4 s = minusSlots(K, a, offset, x, load4(b + a * 4), kCentreSlot + 1, kBlockSlots - 1, -1);
+            s = minusSlots(K, a, offset, x, s, 0, kCentreSlot - 1, kPreviousSlot);
+            store4(x + a * 4, applyInverse(K, a, s));
+        }
     else
-        for (int64_t a = to - 1; a >= from; --a)
-            relax(a);
+        for (int64_t a = to - 1; a >= from; --a) {
+            Float4 s = minusSlots(K, a, offset, x, load4(b + a * 4), 0, kCentreSlot - 1, -1);
+            s = minusSlots(K, a, offset, x, s, kCentreSlot + 1, kBlockSlots - 1, kNextSlot);
+            store4(x + a * 4, applyInverse(K, a, s));
+        }
 }
 
 // The forward sweep from zero over [from, to), with the residual formed on the way as for the pixel
@@ -194,16 +211,16 @@ static void relaxLowerWithResidual(const BlockGrid *K, const float *b, float *x,
     int64_t offset[kBlockSlots];
     slotOffsets(K->height, offset);
     for (int64_t a = from; a < to; ++a) {
-        const Float4 s = minusLower(K, a, offset, x, load4(b + a * 4));
+        const Float4 s = minusSlots(K, a, offset, x, load4(b + a * 4), 0, kCentreSlot - 1, kPreviousSlot);
         const Float4 xn = applyInverse(K, a, s);
         store4(x + a * 4, xn);
         float xv[4];
         store4(xv, xn);
-        store4(res + a * 4, minusBlock(s, blockAt(K, a, kCentreSlot), xv));
+        store4(res + a * 4, s - productBlock(blockAt(K, a, kCentreSlot), xv));
         for (int slot = 0; slot < kCentreSlot; ++slot) {
             const int64_t c = a + offset[slot] / kBlockDofs;
             if (c < floor || c < 0) continue;
-            store4(res + c * 4, minusBlock(load4(res + c * 4), blockAt(K, c, 8 - slot), xv));
+            store4(res + c * 4, load4(res + c * 4) - productBlock(blockAt(K, c, 8 - slot), xv));
         }
     }
 }
@@ -216,21 +233,22 @@ static void relaxMiddleWithResidual(const BlockGrid *K, const float *b, float *x
     slotOffsets(K->height, offset);
     const int64_t nodes = blockNodes(K);
     for (int64_t a = lo; a < hi; ++a) {
-        const Float4 s = minusLower(K, a, offset, x, minusUpper(K, a, offset, x, load4(b + a * 4)));
+        Float4 s = minusSlots(K, a, offset, x, load4(b + a * 4), kCentreSlot + 1, kBlockSlots - 1, -1);
+        s = minusSlots(K, a, offset, x, s, 0, kCentreSlot - 1, kPreviousSlot);
         const Float4 xn = applyInverse(K, a, s);
         store4(x + a * 4, xn);
         float xv[4];
         store4(xv, xn);
-        store4(res + a * 4, minusBlock(s, blockAt(K, a, kCentreSlot), xv));
+        store4(res + a * 4, s - productBlock(blockAt(K, a, kCentreSlot), xv));
         for (int slot = 0; slot < kCentreSlot; ++slot) {
             const int64_t c = a + offset[slot] / kBlockDofs;
             if (c < 0) continue;
-            store4(res + c * 4, minusBlock(load4(res + c * 4), blockAt(K, c, 8 - slot), xv));
+            store4(res + c * 4, load4(res + c * 4) - productBlock(blockAt(K, c, 8 - slot), xv));
         }
         for (int slot = kCentreSlot + 1; slot < kBlockSlots; ++slot) {
             const int64_t f = a + offset[slot] / kBlockDofs;
             if (f < hi || f >= nodes) continue;
-            store4(res + f * 4, minusTransposed(load4(res + f * 4), blockAt(K, a, slot), xv));
+            store4(res + f * 4, load4(res + f * 4) - productTransposed(blockAt(K, a, slot), xv));
         }
     }
 }
