@@ -17,25 +17,25 @@ static double secondsSince(std::chrono::steady_clock::time_point start) {
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
-// Sums of body(first, last) over the runs of active pixels, two at a time, in fixed pieces of [0, n)
-// added in a fixed order, so that the result does not depend on which thread ran what.
+// Sums of body(first, last) over the runs of active pixels, up to three at a time, in fixed pieces of
+// [0, n) added in a fixed order, so that the result does not depend on which thread ran what.
 static void sumOverRuns(const PixelRuns &runs, int64_t n,
                         const std::function<void(int64_t, int64_t, double *)> &body, double *first,
-                        double *second = nullptr) {
+                        double *second = nullptr, double *third = nullptr) {
     constexpr int kPieces = 16;
     const int pieces = n < kParallelGrain ? 1 : kPieces;
-    double part[kPieces][2] = {};
+    double part[kPieces][3] = {};
     parallelTasks(pieces, [&](int k) {
         forEachRun(&runs, n * k / pieces, n * (k + 1) / pieces,
                    [&](int64_t a, int64_t b) { body(a, b, part[k]); });
     });
-    double s0 = 0.0, s1 = 0.0;
-    for (int k = 0; k < pieces; ++k) {
-        s0 += part[k][0];
-        s1 += part[k][1];
-    }
-    *first = s0;
-    if (second) *second = s1;
+    double total[3] = {0.0, 0.0, 0.0};
+    for (int k = 0; k < pieces; ++k)
+        for (int j = 0; j < 3; ++j)
+            total[j] += part[k][j];
+    *first = total[0];
+    if (second) *second = total[1];
+    if (third) *third = total[2];
 }
 
 // res = b - A x on the active pixels; returns |res|^2.
@@ -46,10 +46,12 @@ static double trueResidual(const GridMatrix *A, const PixelRuns &runs, const dou
         runs, gridPixels(A),
         [&](int64_t first, int64_t last, double *sums) {
             multiplyGridMatrixRange(A, x, res, first, last);
+            double s0 = 0.0;
             for (int64_t i = first; i < last; ++i) {
                 res[i] = b[i] - res[i];
-                sums[0] += res[i] * res[i];
+                s0 += res[i] * res[i];
             }
+            sums[0] += s0;
         },
         &rr);
     return rr;
@@ -97,7 +99,7 @@ static int iterate(const GridSystem *system, double *x, const SolverOptions &opt
         if (!coupled[i] && A->diag[i] != 0.0) x[i] = b[i] / A->diag[i];
     Multigrid mg;
     buildMultigrid(A, system->colour.empty() ? nullptr : system->colour.data(), system->channels, &mg);
-    std::vector<double> r(n, 0.0), z(n, 0.0), p(n, 0.0), q(n, 0.0);
+    std::vector<double> r(n, 0.0), z(n, 0.0), p(n, 0.0), q(n, 0.0), az(n, 0.0);
     report->setup_seconds = secondsSince(setup_start);
 
     auto solve_start = std::chrono::steady_clock::now();
@@ -111,24 +113,30 @@ static int iterate(const GridSystem *system, double *x, const SolverOptions &opt
             // The recurrence for r drifts from b - A x; stop only when the true residual agrees.
             rnorm = std::sqrt(trueResidual(A, runs, b, x, r.data()));
             if (rnorm <= goal) break;
-            restart = true;
+            restart = true; // beta = 0 also sets q = A p afresh
         }
         if (it >= opt.max_iterations) {
             status = SOLVE_NO_CONVERGENCE;
             break;
         }
         applyMultigrid(&mg, r.data(), z.data());
-        // r.z, and z.Ap of the previous direction, in one pass.
-        double rz, zq;
+        // r.z, z.Ap and p.r of the previous direction, in one pass (local sums: the compiler cannot
+        // keep a sum that might alias the vectors in a register).
+        double rz, zq, pr_previous;
         sumOverRuns(
             runs, n,
             [&](int64_t first, int64_t last, double *sums) {
+                double s0 = 0.0, s1 = 0.0, s2 = 0.0;
                 for (int64_t i = first; i < last; ++i) {
-                    sums[0] += r[i] * z[i];
-                    sums[1] += z[i] * q[i];
+                    s0 += r[i] * z[i];
+                    s1 += z[i] * q[i];
+                    s2 += p[i] * r[i];
                 }
+                sums[0] += s0;
+                sums[1] += s1;
+                sums[2] += s2;
             },
-            &rz, &zq);
+            &rz, &zq, &pr_previous);
         if (!(rz > 0.0)) {
             status =
                 fail(report, SOLVE_NOT_POSITIVE_DEFINITE,
@@ -139,22 +147,21 @@ static int iterate(const GridSystem *system, double *x, const SolverOptions &opt
         }
         const double beta = restart ? 0.0 : zq / pq_previous;
         restart = false;
-        double pr, curvature;
+        // The new direction p = z - beta p and its product q = A p = A z - beta q in one pass over the
+        // matrix; p.r follows from the sums above.
+        const double pr = rz - beta * pr_previous;
+        double curvature;
         sumOverRuns(
             runs, n,
             [&](int64_t first, int64_t last, double *sums) {
+                multiplyGridMatrixRange(A, z.data(), az.data(), first, last);
+                double s0 = 0.0;
                 for (int64_t i = first; i < last; ++i) {
                     p[i] = z[i] - beta * p[i];
-                    sums[0] += p[i] * r[i];
+                    q[i] = az[i] - beta * q[i];
+                    s0 += p[i] * q[i];
                 }
-            },
-            &pr);
-        sumOverRuns(
-            runs, n,
-            [&](int64_t first, int64_t last, double *sums) {
-                multiplyGridMatrixRange(A, p.data(), q.data(), first, last);
-                for (int64_t i = first; i < last; ++i)
-                    sums[0] += p[i] * q[i];
+                sums[0] += s0;
             },
             &curvature);
         ++it;
@@ -171,11 +178,13 @@ static int iterate(const GridSystem *system, double *x, const SolverOptions &opt
         sumOverRuns(
             runs, n,
             [&](int64_t first, int64_t last, double *sums) {
+                double s0 = 0.0;
                 for (int64_t i = first; i < last; ++i) {
                     x[i] += alpha * p[i];
                     r[i] -= alpha * q[i];
-                    sums[0] += r[i] * r[i];
+                    s0 += r[i] * r[i];
                 }
+                sums[0] += s0;
             },
             &rr);
         rnorm = std::sqrt(rr);

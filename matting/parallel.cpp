@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <mutex>
 #include <thread>
@@ -24,8 +25,9 @@ void work(Batch *batch) {
         (*batch->task)(k);
 }
 
-// The helper thread. It sleeps until a batch is offered, works on it until no task is left, and reports
-// that it has let go of it. A batch it never picked up is simply withdrawn.
+// The helper thread. Between batches it spins for a moment, since the engine's loops come in quick
+// succession (a multigrid cycle hands out dozens of short batches), and a thread woken from sleep
+// arrives too late to take part in them; when nothing comes it sleeps until a batch is offered.
 class Helper {
   public:
     static Helper &instance() {
@@ -37,20 +39,21 @@ class Helper {
     // a task), in which case the caller runs the batch alone.
     bool offer(Batch *batch) {
         if (std::this_thread::get_id() == thread_.get_id()) return false;
-        std::lock_guard<std::mutex> lock(mutex_);
-        if (engaged_) return false;
-        engaged_ = true;
-        batch_ = batch;
-        wake_.notify_one();
+        if (engaged_.exchange(true)) return false;
+        pending_.store(batch);
+        if (sleeping_.load()) {
+            std::lock_guard<std::mutex> lock(mutex_);
+            wake_.notify_one();
+        }
         return true;
     }
 
     // Returns once the helper holds no reference to the offered batch.
     void withdraw() {
-        std::unique_lock<std::mutex> lock(mutex_);
-        batch_ = nullptr;
-        idle_.wait(lock, [this] { return !busy_; });
-        engaged_ = false;
+        if (!pending_.exchange(nullptr)) // taken: wait until the helper lets go of it
+            while (busy_.load())
+                std::this_thread::yield();
+        engaged_.store(false);
     }
 
   private:
@@ -65,26 +68,37 @@ class Helper {
         thread_.join();
     }
 
+    // Takes the offered batch, if any, and works on it. busy_ is raised before the batch is taken, so
+    // that withdraw() never sees it taken and the helper idle at once.
+    bool take() {
+        busy_.store(true);
+        Batch *batch = pending_.exchange(nullptr);
+        if (batch) work(batch);
+        busy_.store(false);
+        return batch != nullptr;
+    }
+
     void run() {
-        std::unique_lock<std::mutex> lock(mutex_);
         for (;;) {
-            wake_.wait(lock, [this] { return quit_ || batch_; });
+            for (auto start = std::chrono::steady_clock::now();
+                 std::chrono::steady_clock::now() - start < kSpin;)
+                if (pending_.load() && take()) start = std::chrono::steady_clock::now();
+            std::unique_lock<std::mutex> lock(mutex_);
+            sleeping_.store(true);
+            wake_.wait(lock, [this] { return quit_ || pending_.load(); });
+            sleeping_.store(false);
             if (quit_) return;
-            Batch *batch = batch_;
-            batch_ = nullptr;
-            busy_ = true;
             lock.unlock();
-            work(batch);
-            lock.lock();
-            busy_ = false;
-            idle_.notify_all();
+            take();
         }
     }
 
+    static constexpr std::chrono::microseconds kSpin{200};
     std::mutex mutex_;
-    std::condition_variable wake_, idle_;
-    Batch *batch_ = nullptr;
-    bool engaged_ = false, busy_ = false, quit_ = false;
+    std::condition_variable wake_;
+    std::atomic<Batch *> pending_{nullptr};
+    std::atomic<bool> engaged_{false}, busy_{false}, sleeping_{false};
+    bool quit_ = false;
     std::thread thread_; // last, so that it starts after everything it uses
 };
 
