@@ -111,39 +111,53 @@ void multiplyGridMatrix(const GridMatrix *A, const double *x, double *y);
 // block for fused loops that split a range themselves.
 void multiplyGridMatrixRange(const GridMatrix *A, const double *x, double *y, int64_t begin, int64_t end);
 
-// GridMatrixSingle: A rounded to single precision and stored pixel by pixel, the fine-level smoother's
-// copy. Each pixel's record is its whole (2 reach + 1)^2 stencil, the diagonal in the middle and
-// A(p, p + drow + dcol * height) at [(dcol + reach) * (2 reach + 1) + drow + reach], 0.0 for neighbours
-// outside the grid: twice the floats of the planes, but a sweep reads one contiguous record per pixel
-// and, for each column of the stencil, consecutive pixels of x.
-struct GridMatrixSingle {
+// GridStencils: the fine-level smoother's copy of A, stored pixel by pixel in reduced precision. Each
+// pixel's record is its whole (2 reach + 1)^2 stencil, the diagonal in the middle and
+// A(p, p + drow + dcol * height) at [(dcol + reach) * (2 reach + 1) + drow + reach], 0 for neighbours
+// outside the grid, so that a sweep reads one contiguous record per pixel and, for each column of the
+// stencil, consecutive pixels of x. The values are A / scale rounded to half precision (11 significant
+// bits) where the processor converts halves itself, otherwise to single precision; scale is the power
+// of two that puts the largest element near the top of that range. The smoother only steers the
+// iteration, and its half-size records are what a sweep over a large image waits for.
+#if defined(__F16C__)
+typedef uint16_t GridCoefficient; // IEEE half-precision bits
+#else
+typedef float GridCoefficient;
+#endif
+
+struct GridStencils {
     const GridMatrix *A = nullptr; // the matrix copied, for its shape
-    std::vector<float> stencil;    // [n][(2 reach + 1)^2]
+    double scale = 1.0;
+    std::vector<GridCoefficient> stencil; // [n][(2 reach + 1)^2]
 };
 
-// copyGridMatrixSingle: S = A rounded to single precision; S refers to A for its shape.
-void copyGridMatrixSingle(const GridMatrix *A, GridMatrixSingle *S);
+// copyGridStencils: S = A in reduced precision; S refers to A for its shape.
+void copyGridStencils(const GridMatrix *A, GridStencils *S);
+
+// gridStencilValue: the element S holds for an element v of A (scale * the rounded v / scale), so that
+// a caller can tell the matrix the sweeps work with.
+double gridStencilValue(const GridStencils *S, double v);
 
 // sweepGridMatrix: one Gauss-Seidel sweep for S x = b over the pixels, forward or backward, with all
-// sums in double precision, on both cores for large grids. The pixel order is the same in every sweep
-// and the backward sweep runs it in reverse, so a forward sweep before and a backward sweep after a
-// coarse correction make a symmetric cycle. With `from_zero` (forward only) x is set to zero first and
-// the pixels not yet visited are not read.
+// sums in double precision (S: the matrix of gridStencilValue elements), on both cores for large grids. The
+// pixel order is the same in every sweep and the backward sweep runs it in reverse, so a forward sweep before
+// and a backward sweep after a coarse correction make a symmetric cycle. With `from_zero` (forward only) x is
+// set to zero first and the pixels not yet visited are not read.
 //   inv_diag  input: 1 / A(p, p), or 0 for a pixel to be left at 0 (a row that is not used)
 //   b         input
 //   x         modified
 //   runs      input: the pixels to update (null: all); the others are neither written nor, through
 //             a non-zero coupling, read
-void sweepGridMatrix(const GridMatrixSingle *S, const double *inv_diag, const double *b, double *x,
-                     bool forward, bool from_zero, const PixelRuns *runs = nullptr);
+void sweepGridMatrix(const GridStencils *S, const double *inv_diag, const double *b, double *x, bool forward,
+                     bool from_zero, const PixelRuns *runs = nullptr);
 
 // sweepGridMatrixWithResidual: the forward sweep from zero of sweepGridMatrix, and the residual it
 // leaves, res = b - S x, formed while the records are still in the cache (on the runs only, when given).
 //   inv_diag, b  input: as sweepGridMatrix
 //   x            output
 //   res          output: n values, must not overlap b or x
-void sweepGridMatrixWithResidual(const GridMatrixSingle *S, const double *inv_diag, const double *b,
-                                 double *x, double *res, const PixelRuns *runs = nullptr);
+void sweepGridMatrixWithResidual(const GridStencils *S, const double *inv_diag, const double *b, double *x,
+                                 double *res, const PixelRuns *runs = nullptr);
 
 // gridMatrixToUpperColumns: the upper triangle of A in compressed-column form, row indices ascending in
 // every column, the diagonal last; elements equal to 0.0 are left out, the diagonal included.

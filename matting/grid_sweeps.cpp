@@ -6,7 +6,11 @@
 // one vector multiply. The neighbour updated just before p (p - 1 forward, p + 1 backward) is added last,
 // so that the chain from one pixel to the next is a single multiply-add.
 #include <algorithm>
+#include <cmath>
 #include <cstring>
+#if defined(__F16C__)
+#include <immintrin.h>
+#endif
 
 #include "matting/grid_matrix.h"
 #include "matting/parallel.h"
@@ -21,14 +25,41 @@ constexpr int64_t kChunk = 1024;
 typedef float Float4 __attribute__((vector_size(16)));
 typedef double Double4 __attribute__((vector_size(32)));
 
+#if defined(__F16C__)
+inline double widen(GridCoefficient c) {
+    return _cvtsh_ss(c);
+}
+
+inline GridCoefficient narrow(double v) {
+    return _cvtss_sh(float(v), _MM_FROUND_TO_NEAREST_INT);
+}
+
 // acc += c[0 .. 3] x[0 .. 3], the coefficients widened to double.
-inline void multiplyAdd4(Double4 &acc, const float *c, const double *x) {
+inline void multiplyAdd4(Double4 &acc, const GridCoefficient *c, const double *x) {
+    const __m128 wide = _mm_cvtph_ps(_mm_loadl_epi64(reinterpret_cast<const __m128i *>(c)));
+    Float4 cf;
+    Double4 xd;
+    std::memcpy(&cf, &wide, sizeof cf);
+    std::memcpy(&xd, x, sizeof xd);
+    acc += __builtin_convertvector(cf, Double4) * xd;
+}
+#else
+inline double widen(GridCoefficient c) {
+    return c;
+}
+
+inline GridCoefficient narrow(double v) {
+    return float(v);
+}
+
+inline void multiplyAdd4(Double4 &acc, const GridCoefficient *c, const double *x) {
     Float4 cf;
     Double4 xd;
     std::memcpy(&cf, c, sizeof cf);
     std::memcpy(&xd, x, sizeof xd);
     acc += __builtin_convertvector(cf, Double4) * xd;
 }
+#endif
 
 // Which neighbours a sum reads: all, only those before p in the pixel order (a forward sweep from zero,
 // where the others are still zero), or only those after p.
@@ -48,7 +79,7 @@ template <int R> struct Shape {
 // sum over the stencil of p, diagonal excluded, of A(p, q) x[q], for a pixel at least `edge` from both
 // ends. `before` = -1: the neighbour p - 1 is added last (forward sweep), +1: p + 1 last (backward).
 template <int R, Part P>
-inline double interiorSum(const Shape<R> &g, const float *c, const double *x, int64_t p, int last) {
+inline double interiorSum(const Shape<R> &g, const GridCoefficient *c, const double *x, int64_t p, int last) {
     const int reach = g.reach, side = g.side;
     const int dcol_begin = P == kAfter ? 1 : -reach, dcol_end = P == kBefore ? 0 : reach + 1;
     double sum;
@@ -57,34 +88,34 @@ inline double interiorSum(const Shape<R> &g, const float *c, const double *x, in
         double tail = 0.0;
         for (int dcol = dcol_begin; dcol < dcol_end; ++dcol) {
             if (dcol == 0) continue;
-            const float *cc = c + (dcol + 2) * 5;
+            const GridCoefficient *cc = c + (dcol + 2) * 5;
             const double *xx = x + p + dcol * g.height - 2;
             multiplyAdd4(acc, cc, xx);
-            tail += double(cc[4]) * xx[4];
+            tail += widen(cc[4]) * xx[4];
         }
         sum = (acc[0] + acc[1]) + (acc[2] + acc[3]) + tail;
     } else {
         sum = 0.0;
         for (int dcol = dcol_begin; dcol < dcol_end; ++dcol) {
             if (dcol == 0) continue;
-            const float *cc = c + (dcol + reach) * side;
+            const GridCoefficient *cc = c + (dcol + reach) * side;
             const double *xx = x + p + dcol * g.height - reach;
             for (int k = 0; k < side; ++k)
-                sum += double(cc[k]) * xx[k];
+                sum += widen(cc[k]) * xx[k];
         }
     }
     // The centre column, the neighbour updated last left to the end.
-    const float *cc = c + reach * side + reach;
+    const GridCoefficient *cc = c + reach * side + reach;
     const int drow_begin = P == kAfter ? 1 : -reach, drow_end = P == kBefore ? 0 : reach + 1;
     for (int drow = drow_begin; drow < drow_end; ++drow)
-        if (drow != 0 && drow != last) sum += double(cc[drow]) * x[p + drow];
-    if (reach > 0 && last >= drow_begin && last < drow_end) sum += double(cc[last]) * x[p + last];
+        if (drow != 0 && drow != last) sum += widen(cc[drow]) * x[p + drow];
+    if (reach > 0 && last >= drow_begin && last < drow_end) sum += widen(cc[last]) * x[p + last];
     return sum;
 }
 
 // The same sum with every neighbour checked against the grid, for pixels near the ends.
 template <int R, Part P>
-inline double borderSum(const Shape<R> &g, const float *c, const double *x, int64_t p) {
+inline double borderSum(const Shape<R> &g, const GridCoefficient *c, const double *x, int64_t p) {
     const int reach = g.reach, side = g.side;
     double sum = 0.0;
     for (int dcol = -reach; dcol <= reach; ++dcol)
@@ -93,13 +124,14 @@ inline double borderSum(const Shape<R> &g, const float *c, const double *x, int6
             if (offset == 0 || (P == kBefore && offset > 0) || (P == kAfter && offset < 0)) continue;
             const int64_t q = p + offset;
             if (q < 0 || q >= g.n) continue;
-            sum += double(c[(dcol + reach) * side + drow + reach]) * x[q];
+            sum += widen(c[(dcol + reach) * side + drow + reach]) * x[q];
         }
     return sum;
 }
 
 template <int R, Part P>
-inline double neighbourSum(const Shape<R> &g, const float *c, const double *x, int64_t p, int last) {
+inline double neighbourSum(const Shape<R> &g, const GridCoefficient *c, const double *x, int64_t p,
+                           int last) {
     if (p >= g.edge && p + g.edge < g.n) return interiorSum<R, P>(g, c, x, p, last);
     return borderSum<R, P>(g, c, x, p);
 }
@@ -118,7 +150,7 @@ template <typename Fn> void visit(const PixelRuns *runs, int64_t begin, int64_t 
 }
 
 struct Sweep {
-    const GridMatrixSingle *S;
+    const GridStencils *S;
     const double *inv_diag, *b;
     double *x;
     const PixelRuns *runs;
@@ -131,14 +163,14 @@ template <int R, Part P>
 void relax(const Sweep &w, int64_t begin, int64_t end, bool forward, double *partial = nullptr) {
     const Shape<R> g(w.S->A);
     const int64_t size = int64_t(g.side) * g.side, centre = int64_t(g.reach) * g.side + g.reach;
-    const float *stencil = w.S->stencil.data();
+    const GridCoefficient *stencil = w.S->stencil.data();
     const int last = forward ? -1 : 1;
     visit(w.runs, begin, end, forward, [&](int64_t p) {
-        const float *c = stencil + p * size;
-        const double s = w.b[p] - neighbourSum<R, P>(g, c, w.x, p, last);
+        const GridCoefficient *c = stencil + p * size;
+        const double s = w.b[p] - w.S->scale * neighbourSum<R, P>(g, c, w.x, p, last);
         const double xp = s * w.inv_diag[p];
         w.x[p] = xp;
-        if (partial) partial[p] = s - double(c[centre]) * xp;
+        if (partial) partial[p] = s - w.S->scale * widen(c[centre]) * xp;
     });
 }
 
@@ -147,19 +179,20 @@ void relax(const Sweep &w, int64_t begin, int64_t end, bool forward, double *par
 template <int R> void finishResidual(const Sweep &w, double *res, int64_t begin, int64_t end) {
     const Shape<R> g(w.S->A);
     const int64_t size = int64_t(g.side) * g.side;
-    const float *stencil = w.S->stencil.data();
-    visit(w.runs, begin, end, true,
-          [&](int64_t q) { res[q] -= neighbourSum<R, kAfter>(g, stencil + q * size, w.x, q, 1); });
+    const GridCoefficient *stencil = w.S->stencil.data();
+    visit(w.runs, begin, end, true, [&](int64_t q) {
+        res[q] -= w.S->scale * neighbourSum<R, kAfter>(g, stencil + q * size, w.x, q, 1);
+    });
 }
 
 // res[q] = b[q] - (A x)[q] for the pixels of [begin, end).
 template <int R> void residual(const Sweep &w, double *res, int64_t begin, int64_t end) {
     const Shape<R> g(w.S->A);
     const int64_t size = int64_t(g.side) * g.side, centre = int64_t(g.reach) * g.side + g.reach;
-    const float *stencil = w.S->stencil.data();
+    const GridCoefficient *stencil = w.S->stencil.data();
     visit(w.runs, begin, end, true, [&](int64_t q) {
-        const float *c = stencil + q * size;
-        res[q] = w.b[q] - neighbourSum<R, kAll>(g, c, w.x, q, -1) - double(c[centre]) * w.x[q];
+        const GridCoefficient *c = stencil + q * size;
+        res[q] = w.b[q] - w.S->scale * (neighbourSum<R, kAll>(g, c, w.x, q, -1) + widen(c[centre]) * w.x[q]);
     });
 }
 
@@ -240,42 +273,54 @@ template <int R> void sweepWithResidual(const Sweep &w, double *res) {
     residual<R>(w, res, std::max<int64_t>(0, o.lo - edge), std::min(n, o.hi + edge));
 }
 
-bool radiusOne(const GridMatrixSingle *S) {
+bool radiusOne(const GridStencils *S) {
     return S->A->reach == 2;
 }
 
 } // namespace
 
-void copyGridMatrixSingle(const GridMatrix *A, GridMatrixSingle *S) {
+void copyGridStencils(const GridMatrix *A, GridStencils *S) {
     S->A = A;
     const int reach = A->reach, side = 2 * reach + 1;
     const int64_t n = gridPixels(A), size = int64_t(side) * side;
-    S->stencil.assign(size_t(n * size), 0.0f);
+    // The largest element lands between 2^14 and 2^15, well inside the range of a half.
+    double largest = 0.0;
+    for (double v : A->diag)
+        largest = std::max(largest, std::abs(v));
+    for (double v : A->bands)
+        largest = std::max(largest, std::abs(v));
+    S->scale = largest > 0.0 ? std::ldexp(1.0, std::ilogb(largest) - 14) : 1.0;
+    const double inverse = 1.0 / S->scale;
+    S->stencil.assign(size_t(n * size), narrow(0.0));
     struct Slot {
-        const double *plane; // element of the coupling of p read at plane[p + at]
-        int64_t at, shift;
+        const double *plane; // A(p, p + shift) at plane[p]
+        int64_t shift;
         int forward, backward; // record entries of the offset and of its opposite
     };
     std::vector<Slot> slots;
     for (size_t k = 0; k < A->band_shift.size(); ++k) {
         const int dr = A->band_drow[k], dc = A->band_dcol[k];
-        slots.push_back({A->bands.data() + k * n, 0, A->band_shift[k], (dc + reach) * side + dr + reach,
+        slots.push_back({A->bands.data() + k * n, A->band_shift[k], (dc + reach) * side + dr + reach,
                          (reach - dc) * side + reach - dr});
     }
     parallelRange(n, kParallelGrain, [&](int64_t begin, int64_t end) {
         for (int64_t p = begin; p < end; ++p) {
-            float *c = &S->stencil[size_t(p * size)];
-            c[reach * side + reach] = float(A->diag[p]);
+            GridCoefficient *c = &S->stencil[size_t(p * size)];
+            c[reach * side + reach] = narrow(A->diag[p] * inverse);
             for (const Slot &s : slots) {
-                c[s.forward] = float(s.plane[p]); // A(p, p + shift), 0 where that leaves the grid
-                if (p >= s.shift) c[s.backward] = float(s.plane[p - s.shift]);
+                c[s.forward] = narrow(s.plane[p] * inverse); // 0 where p + shift leaves the grid
+                if (p >= s.shift) c[s.backward] = narrow(s.plane[p - s.shift] * inverse);
             }
         }
     });
 }
 
-void sweepGridMatrix(const GridMatrixSingle *S, const double *inv_diag, const double *b, double *x,
-                     bool forward, bool from_zero, const PixelRuns *runs) {
+double gridStencilValue(const GridStencils *S, double v) {
+    return S->scale * widen(narrow(v / S->scale));
+}
+
+void sweepGridMatrix(const GridStencils *S, const double *inv_diag, const double *b, double *x, bool forward,
+                     bool from_zero, const PixelRuns *runs) {
     const Sweep w{S, inv_diag, b, x, runs};
     if (radiusOne(S))
         sweep<2>(w, forward, from_zero);
@@ -283,8 +328,8 @@ void sweepGridMatrix(const GridMatrixSingle *S, const double *inv_diag, const do
         sweep<0>(w, forward, from_zero);
 }
 
-void sweepGridMatrixWithResidual(const GridMatrixSingle *S, const double *inv_diag, const double *b,
-                                 double *x, double *res, const PixelRuns *runs) {
+void sweepGridMatrixWithResidual(const GridStencils *S, const double *inv_diag, const double *b, double *x,
+                                 double *res, const PixelRuns *runs) {
     const Sweep w{S, inv_diag, b, x, runs};
     if (radiusOne(S))
         sweepWithResidual<2>(w, res);

@@ -470,9 +470,6 @@ void buildMultigrid(const GridMatrix *A, const float *colour, int channels, Mult
     mg->levels.clear();
     mg->basis.clear();
     const int64_t n = gridPixels(A);
-    mg->inv_diag.resize(n);
-    for (int64_t p = 0; p < n; ++p)
-        mg->inv_diag[p] = A->diag[p] > 0.0 ? 1.0 / A->diag[p] : 0.0;
     if (!colour) channels = 0;
     channels = std::clamp(channels, 0, 3);
 
@@ -500,7 +497,14 @@ void buildMultigrid(const GridMatrix *A, const float *colour, int channels, Mult
     mg->aggregate = std::max(4, A->reach);
     mg->residual.assign(n, 0.0);
     gridActiveRuns(A, &mg->runs);
-    copyGridMatrixSingle(A, &mg->smoother);
+    copyGridStencils(A, &mg->smoother);
+    // The sweeps divide by the diagonal the smoother's copy holds, so that each step solves the rounded
+    // row exactly and the residual it leaves is that of the same matrix: the cycle stays symmetric.
+    mg->inv_diag.resize(n);
+    for (int64_t p = 0; p < n; ++p) {
+        const double rounded = gridStencilValue(&mg->smoother, A->diag[p]);
+        mg->inv_diag[p] = A->diag[p] > 0.0 ? 1.0 / (rounded > 0.0 ? rounded : A->diag[p]) : 0.0;
+    }
     auto first = std::make_unique<MultigridLevel>();
     buildFirstLevel(mg, colour, channels, first.get());
     mg->levels.push_back(std::move(first));
@@ -571,8 +575,8 @@ int multigridLevelCount(const Multigrid *mg) {
 
 size_t multigridBytes(const Multigrid *mg) {
     size_t bytes = mg->inv_diag.size() * sizeof(double) + mg->basis.size() * sizeof(float) +
-                   mg->smoother.stencil.size() * sizeof(float) + mg->residual.size() * sizeof(double) +
-                   mg->coarsest.lower.size() * sizeof(double);
+                   mg->smoother.stencil.size() * sizeof(GridCoefficient) +
+                   mg->residual.size() * sizeof(double) + mg->coarsest.lower.size() * sizeof(double);
     for (const auto &L : mg->levels) {
         bytes += (L->K.blocks.size() + L->K.inverse.size()) * sizeof(float);
         bytes += (L->candidates.size() + L->transfer.size()) * sizeof(double);

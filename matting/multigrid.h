@@ -26,7 +26,7 @@ struct MultigridLevel;
 struct Multigrid {
     const GridMatrix *A = nullptr;                       // the fine matrix (referenced)
     int aggregate = 0;                                   // side of a first-level pixel block, 0 when none
-    GridMatrixSingle smoother;                           // A in single precision for the fine sweeps
+    GridStencils smoother;                               // A in reduced precision for the fine sweeps
     PixelRuns runs;                                      // pixels coupled to others, the only ones swept
     std::vector<char> active_block;                      // first-level blocks holding such a pixel
     std::vector<double> inv_diag;                        // fine Gauss-Seidel

@@ -1,4 +1,4 @@
-// The compact by-diagonals store: the product, and the Gauss-Seidel sweeps of its single-precision copy
+// The compact by-diagonals store: the product, and the Gauss-Seidel sweeps of its reduced-precision copy
 // (the fine smoother's), checked against the matrix read element by element. (Its compressed-column
 // copies are checked by solving with them.)
 #include <gtest/gtest.h>
@@ -14,11 +14,12 @@ TEST(GridMatrix, ProductAndSymmetricGaussSeidelSweepsMatchTheMatrix) {
     // gradients would lose their footing.
     for (auto [H, W, reach] : {std::tuple{2, 5, 2}, {11, 13, 3}, {380, 350, 2}}) {
         GridMatrix A = randomGridMatrix(H, W, reach, 53u + H);
+        GridStencils S;
+        copyGridStencils(&A, &S);
         for (std::vector<double> *plane : {&A.diag, &A.bands}) // values the copy holds exactly
             for (double &v : *plane)
-                v = float(v);
-        GridMatrixSingle S;
-        copyGridMatrixSingle(&A, &S);
+                v = gridStencilValue(&S, v);
+        copyGridStencils(&A, &S);
         const int64_t n = gridPixels(&A), unused = n / 3;
         const std::vector<double> b = randomVector(n, 59u), u = randomVector(n, 61u);
         std::vector<double> inv(n), x(n, 7.0), x2(n), res(n), y(n), Su(n);
@@ -61,8 +62,8 @@ TEST(GridMatrix, SweepsOnActiveRunsLeaveLonePixelsAlone) {
         for (int64_t p = 0; p + A.band_shift[k] < n; ++p)
             if (lone(p) || lone(p + A.band_shift[k])) A.bands[k * n + p] = 0.0;
     A.diag[3] = 0.0;
-    GridMatrixSingle S;
-    copyGridMatrixSingle(&A, &S);
+    GridStencils S;
+    copyGridStencils(&A, &S);
     PixelRuns runs;
     gridActiveRuns(&A, &runs);
     std::vector<char> in_run(n, 0);
