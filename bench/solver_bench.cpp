@@ -17,7 +17,7 @@
 // scale2_255 and truncation to bytes, as the GUI shows it.
 //
 //   solver_bench [--sizes 0.3,1,4,12] [--solvers umfpack,cholmod,cg] [--scenes scribbles,trimap]
-//                [--pyramid-sizes 12] [--timeout SECONDS] [--memory-limit GB] [--skip umfpack@12,...]
+//                [--pyramid-sizes 12|none] [--timeout SECONDS] [--memory-limit GB] [--skip umfpack@12,...]
 //   --skip takes SOLVER@MEGAPIXELS for a one-level case, SOLVER@MEGAPIXELS/4 for the pyramid one.
 #include <fcntl.h>
 #include <poll.h>
@@ -342,8 +342,18 @@ int main(int argc, char **argv) {
         if (arg == "--sizes" || arg == "--pyramid-sizes") {
             std::vector<double> &list = arg == "--sizes" ? sizes : pyramid_sizes;
             list.clear();
-            for (const std::string &s : splitList(value))
-                list.push_back(atof(s.c_str()));
+            for (const std::string &s : splitList(value)) {
+                // "none" leaves the list empty (no pyramid cases, say).
+                if (s == "none") continue;
+                char *end = nullptr;
+                const double megapixels = strtod(s.c_str(), &end);
+                if (end == s.c_str() || *end != '\0' || !(megapixels > 0.0)) {
+                    fprintf(stderr, "solver_bench: %s takes positive megapixel counts or none, not '%s'\n",
+                            arg.c_str(), s.c_str());
+                    return 2;
+                }
+                list.push_back(megapixels);
+            }
         } else if (arg == "--solvers") {
             solvers.clear();
             for (const std::string &s : splitList(value)) {
@@ -368,7 +378,7 @@ int main(int argc, char **argv) {
             fprintf(stderr,
                     "usage: solver_bench [--sizes 0.3,1,4,12] [--solvers umfpack,cholmod,cg] [--scenes "
                     "scribbles,trimap]\n"
-                    "                    [--pyramid-sizes 12] [--timeout SECONDS] [--memory-limit GB]\n"
+                    "                    [--pyramid-sizes 12|none] [--timeout SECONDS] [--memory-limit GB]\n"
                     "                    [--skip SOLVER@MEGAPIXELS[/LEVELS],...]\n");
             return 2;
         }

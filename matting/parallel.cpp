@@ -80,9 +80,7 @@ class Helper {
 
     void run() {
         for (;;) {
-            for (auto start = std::chrono::steady_clock::now();
-                 std::chrono::steady_clock::now() - start < kSpin;)
-                if (pending_.load() && take()) start = std::chrono::steady_clock::now();
+            spin();
             std::unique_lock<std::mutex> lock(mutex_);
             sleeping_.store(true);
             wake_.wait(lock, [this] { return quit_ || pending_.load(); });
@@ -90,6 +88,21 @@ class Helper {
             if (quit_) return;
             lock.unlock();
             take();
+        }
+    }
+
+    // Takes the batches that come within kSpin of each other; returns when none has come for that long.
+    void spin() {
+        auto last = std::chrono::steady_clock::now();
+        for (unsigned k = 1;; ++k) {
+            if (pending_.load() && take()) {
+                last = std::chrono::steady_clock::now();
+                continue;
+            }
+#if defined(__x86_64__) || defined(__i386__)
+            __builtin_ia32_pause();
+#endif
+            if (k % 64 == 0 && std::chrono::steady_clock::now() - last > kSpin) return;
         }
     }
 
