@@ -119,7 +119,7 @@ static int iterate(const GridSystem *system, double *x, const SolverOptions &opt
             status = SOLVE_NO_CONVERGENCE;
             break;
         }
-        applyMultigrid(&mg, r.data(), z.data());
+        applyMultigrid(&mg, r.data(), z.data(), az.data());
         // r.z, z.Ap and p.r of the previous direction, in one pass (local sums: the compiler cannot
         // keep a sum that might alias the vectors in a register).
         double rz, zq, pr_previous;
@@ -147,14 +147,13 @@ static int iterate(const GridSystem *system, double *x, const SolverOptions &opt
         }
         const double beta = restart ? 0.0 : zq / pq_previous;
         restart = false;
-        // The new direction p = z - beta p and its product q = A p = A z - beta q in one pass over the
-        // matrix; p.r follows from the sums above.
+        // The new direction p = z - beta p and its product q = A p = A z - beta q, with A z from the
+        // cycle's last sweep; p.r follows from the sums above.
         const double pr = rz - beta * pr_previous;
         double curvature;
         sumOverRuns(
             runs, n,
             [&](int64_t first, int64_t last, double *sums) {
-                multiplyGridMatrixRange(A, z.data(), az.data(), first, last);
                 double s0 = 0.0;
                 for (int64_t i = first; i < last; ++i) {
                     p[i] = z[i] - beta * p[i];

@@ -151,6 +151,13 @@ double gridStencilValue(const GridStencils *S, double v);
 void sweepGridMatrix(const GridStencils *S, const double *inv_diag, const double *b, double *x, bool forward,
                      bool from_zero, const PixelRuns *runs = nullptr);
 
+// sweepGridMatrixBackwardWithProduct: the backward sweep of sweepGridMatrix, and ax = A x for the x it
+// leaves, with A the exact matrix S was copied from, formed during the same pass (on the runs only,
+// when given; other entries of ax are not written).
+//   ax  output: n values, must not overlap b or x
+void sweepGridMatrixBackwardWithProduct(const GridStencils *S, const double *inv_diag, const double *b,
+                                        double *x, double *ax, const PixelRuns *runs = nullptr);
+
 // sweepGridMatrixWithResidual: the forward sweep from zero of sweepGridMatrix, and the residual it
 // leaves, res = b - S x, formed while the records are still in the cache (on the runs only, when given).
 //   inv_diag, b  input: as sweepGridMatrix

@@ -254,6 +254,43 @@ template <int R> void sweep(const Sweep &w, bool forward, bool from_zero) {
     }
 }
 
+// ax = A x on the runs within [begin, end), from A's own double-precision planes.
+void product(const Sweep &w, double *ax, int64_t begin, int64_t end) {
+    forEachRun(w.runs, begin, end,
+               [&](int64_t a, int64_t b) { multiplyGridMatrixRange(w.S->A, w.x, ax, a, b); });
+}
+
+// The backward sweep over the part [from, to), followed chunk by chunk by ax = A x for the pixels the
+// sweep has moved past by more than a stencil, whose neighbours are final: the product of the new x
+// comes out of the same pass, its work filling the gaps the sweep's chain of dependent steps leaves.
+// The pixels after `to` (the middle of a split sweep) are final before the part starts.
+template <int R> void relaxBackwardWithProduct(const Sweep &w, double *ax, int64_t from, int64_t to) {
+    const int64_t edge = Shape<R>(w.S->A).edge;
+    int64_t done = to; // products from `done` on are formed
+    for (int64_t c1 = to; c1 > from; c1 -= kChunk) {
+        const int64_t c0 = std::max(from, c1 - kChunk);
+        relax<R, kAll>(w, c0, c1, false);
+        const int64_t ready = c0 == from ? from : c0 + edge;
+        if (ready < done) {
+            product(w, ax, ready, done);
+            done = ready;
+        }
+    }
+}
+
+template <int R> void sweepBackwardWithProduct(const Sweep &w, double *ax) {
+    const int64_t n = gridPixels(w.S->A);
+    const SweepOrder o = sweepOrder(w.S->A);
+    relax<R, kAll>(w, o.lo, o.hi, false);
+    if (!o.split) {
+        relaxBackwardWithProduct<R>(w, ax, 0, n);
+        return;
+    }
+    parallelTwo([&] { relaxBackwardWithProduct<R>(w, ax, 0, o.lo); },
+                [&] { relaxBackwardWithProduct<R>(w, ax, o.hi, n); });
+    product(w, ax, o.lo, o.hi); // the middle's neighbours were swept after it
+}
+
 template <int R> void sweepWithResidual(const Sweep &w, double *res) {
     const GridMatrix *A = w.S->A;
     const int64_t n = gridPixels(A);
@@ -326,6 +363,15 @@ void sweepGridMatrix(const GridStencils *S, const double *inv_diag, const double
         sweep<2>(w, forward, from_zero);
     else
         sweep<0>(w, forward, from_zero);
+}
+
+void sweepGridMatrixBackwardWithProduct(const GridStencils *S, const double *inv_diag, const double *b,
+                                        double *x, double *ax, const PixelRuns *runs) {
+    const Sweep w{S, inv_diag, b, x, runs};
+    if (radiusOne(S))
+        sweepBackwardWithProduct<2>(w, ax);
+    else
+        sweepBackwardWithProduct<0>(w, ax);
 }
 
 void sweepGridMatrixWithResidual(const GridStencils *S, const double *inv_diag, const double *b, double *x,

@@ -523,10 +523,11 @@ void buildMultigrid(const GridMatrix *A, const float *colour, int channels, Mult
     factorBlockGrid(&mg->levels.back()->K, &mg->coarsest);
 }
 
-void applyMultigrid(Multigrid *mg, const double *r, double *z) {
+void applyMultigrid(Multigrid *mg, const double *r, double *z, double *az) {
     const GridMatrix *A = mg->A;
     if (mg->levels.empty()) {
         solveBlockFactor(&mg->coarsest, r, z);
+        if (az) multiplyGridMatrix(A, z, az);
         return;
     }
     double *res = mg->residual.data();
@@ -566,7 +567,10 @@ void applyMultigrid(Multigrid *mg, const double *r, double *z) {
                 }
         }
     });
-    sweepGridMatrix(&mg->smoother, mg->inv_diag.data(), r, z, false, false, &mg->runs);
+    if (az)
+        sweepGridMatrixBackwardWithProduct(&mg->smoother, mg->inv_diag.data(), r, z, az, &mg->runs);
+    else
+        sweepGridMatrix(&mg->smoother, mg->inv_diag.data(), r, z, false, false, &mg->runs);
 }
 
 int multigridLevelCount(const Multigrid *mg) {

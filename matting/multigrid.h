@@ -56,7 +56,9 @@ void buildMultigrid(const GridMatrix *A, const float *colour, int channels, Mult
 //   mg  modified: work vectors, so one caller at a time
 //   r   input: n values
 //   z   output: n values, must not overlap r
-void applyMultigrid(Multigrid *mg, const double *r, double *z);
+//   az  output, when not null: A z on the pixels the cycle works on (all pixels when A has no coarse
+//       levels), formed during the cycle's last sweep; the other entries are not written
+void applyMultigrid(Multigrid *mg, const double *r, double *z, double *az = nullptr);
 
 // multigridLevelCount: number of levels, the fine one included.
 int multigridLevelCount(const Multigrid *mg);

@@ -42,7 +42,15 @@ TEST(GridMatrix, ProductAndSymmetricGaussSeidelSweepsMatchTheMatrix) {
             }
         }
         EXPECT_EQ(x[unused], 0.0);
+        // The backward sweep, once with the product of the exact matrix formed on the way.
+        std::vector<double> xb = x, ax(n);
         sweepGridMatrix(&S, inv.data(), b.data(), x.data(), false, false);
+        sweepGridMatrixBackwardWithProduct(&S, inv.data(), b.data(), xb.data(), ax.data());
+        multiplyGridMatrix(&A, x.data(), y.data());
+        for (int64_t p = 0; p < n; ++p) {
+            ASSERT_EQ(xb[p], x[p]) << p;
+            ASSERT_NEAR(ax[p], y[p], 1e-12) << H << "x" << W << " pixel " << p;
+        }
         sweepGridMatrix(&S, inv.data(), u.data(), Su.data(), true, true);
         sweepGridMatrix(&S, inv.data(), u.data(), Su.data(), false, false);
         expectSymmetric(b.data(), x.data(), u.data(), Su.data(), n, 1e-12);
