@@ -7,7 +7,7 @@
 
 #include "matting/parallel.h"
 
-static constexpr int64_t kParallelGrain = 1 << 12; // nodes
+static constexpr int64_t kParallelGrain = 1 << 10; // nodes
 static constexpr double kPivotTolerance = 1e-12;
 
 void initBlockGrid(BlockGrid *K, int height, int width) {

@@ -11,7 +11,7 @@
 static constexpr int64_t kDirectPixels = 2048;
 static constexpr int64_t kDirectNodes = 256;
 static constexpr int64_t kParallelGrain = 1 << 10; // aggregates or nodes
-static constexpr int64_t kVectorGrain = 1 << 15;   // unknowns
+static constexpr int64_t kVectorGrain = 1 << 13;
 // Nodes of a coarse level merged per side into one node of the next: 3 or 4 make the next level cheaper
 // but so much weaker that the iteration needs twice as many steps.
 static constexpr int G = 2;
