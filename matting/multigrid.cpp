@@ -200,7 +200,8 @@ void buildFirstLevel(Multigrid *mg, const float *colour, int channels, Multigrid
                         if (qi < 0 || qi >= H || qj < 0 || qj >= W) continue;
                         const double value = s.band < 0 ? A->diag[p] : A->bands[s.band * n + p + s.at];
                         if (value == 0.0) continue;
-                        const int slot = blockSlot(qi / S - I, qj / S - J);
+                        // S >= reach: the neighbour lies in this block or the next one either way.
+                        const int slot = blockSlot(qi < i0 ? -1 : qi >= i0 + S, qj < j0 ? -1 : qj >= j0 + S);
                         if (slot < kCentreSlot) continue; // held by the neighbour, as its transpose
                         const float *q = &mg->basis[size_t(qi + int64_t(qj) * H) * 4];
                         for (int d = 0; d < 4; ++d)
