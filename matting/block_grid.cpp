@@ -4,32 +4,11 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
-#if defined(__F16C__)
-#include <immintrin.h>
-#endif
 
 #include "matting/parallel.h"
 
 static constexpr int64_t kParallelGrain = 1 << 10; // nodes
 static constexpr double kPivotTolerance = 1e-12;
-
-#if defined(__F16C__)
-static inline float widen(BlockCoefficient c) {
-    return _cvtsh_ss(c);
-}
-
-static inline BlockCoefficient narrow(float v) {
-    return _cvtss_sh(v, _MM_FROUND_TO_NEAREST_INT);
-}
-#else
-static inline float widen(BlockCoefficient c) {
-    return c;
-}
-
-static inline BlockCoefficient narrow(float v) {
-    return v;
-}
-#endif
 
 void initBlockGrid(BlockGrid *K, int height, int width) {
     K->height = height;
@@ -95,19 +74,6 @@ static void pseudoInverse4(const float *block, float *out) {
 
 void invertBlockDiagonal(BlockGrid *K) {
     const int64_t nodes = blockNodes(K);
-    // The largest element lands between 2^14 and 2^15, well inside the range of a half; the blocks are
-    // rounded to what the packed copy holds, so that the inverses and any later reader of the blocks
-    // see the matrix the kernels use.
-    float largest = 0.0f;
-    for (float v : K->blocks)
-        largest = std::max(largest, std::abs(v));
-    K->scale = largest > 0.0f ? std::ldexp(1.0f, std::ilogb(largest) - 14) : 1.0f;
-    const float inverse_scale = 1.0f / K->scale;
-    K->packed.resize(K->blocks.size());
-    for (size_t k = 0; k < K->blocks.size(); ++k) {
-        K->packed[k] = narrow(K->blocks[k] * inverse_scale);
-        K->blocks[k] = K->scale * widen(K->packed[k]);
-    }
     K->inverse.resize(size_t(nodes) * kBlockSize);
     for (int64_t a = 0; a < nodes; ++a)
         pseudoInverse4(blockAt(K, a, kCentreSlot), &K->inverse[size_t(a) * kBlockSize]);
@@ -126,41 +92,20 @@ static inline void store4(float *p, Float4 v) {
     std::memcpy(p, &v, sizeof v);
 }
 
-// The packed copy of a block, K's element / K->scale per entry.
-static inline const BlockCoefficient *packedAt(const BlockGrid *K, int64_t a, int slot) {
-    return K->packed.data() + (size_t(a) * kStoredSlots + slot - kCentreSlot) * kBlockSize;
-}
-
-#if defined(__F16C__)
-static inline Float4 loadPacked4(const BlockCoefficient *p) {
-    const __m128 v = _mm_cvtph_ps(_mm_loadl_epi64(reinterpret_cast<const __m128i *>(p)));
-    Float4 out;
-    std::memcpy(&out, &v, sizeof out);
-    return out;
-}
-#else
-static inline Float4 loadPacked4(const BlockCoefficient *p) {
-    return load4(p);
-}
-#endif
-
-// scale M x for a packed block M stored by columns, the four products added pairwise.
-static inline Float4 productBlock(const BlockCoefficient *M, float scale, const float *x) {
-    return scale * ((loadPacked4(M) * x[0] + loadPacked4(M + 4) * x[1]) +
-                    (loadPacked4(M + 8) * x[2] + loadPacked4(M + 12) * x[3]));
+// M x for a block M stored by columns, the four products added pairwise.
+static inline Float4 productBlock(const float *M, const float *x) {
+    return (load4(M) * x[0] + load4(M + 4) * x[1]) + (load4(M + 8) * x[2] + load4(M + 12) * x[3]);
 }
 
 typedef int Int4 __attribute__((vector_size(16)));
 
-// scale M^T x: component c is the dot product of column c with x, four products added across lanes.
-static inline Float4 productTransposed(const BlockCoefficient *M, float scale, const float *x) {
+// M^T x: component c is the dot product of column c with x, four products added across lanes.
+static inline Float4 productTransposed(const float *M, const float *x) {
     const Float4 v = load4(x);
-    const Float4 a = loadPacked4(M) * v, b = loadPacked4(M + 4) * v, c = loadPacked4(M + 8) * v,
-                 d = loadPacked4(M + 12) * v;
+    const Float4 a = load4(M) * v, b = load4(M + 4) * v, c = load4(M + 8) * v, d = load4(M + 12) * v;
     const Float4 ab = __builtin_shuffle(a, b, Int4{0, 4, 2, 6}) + __builtin_shuffle(a, b, Int4{1, 5, 3, 7});
     const Float4 cd = __builtin_shuffle(c, d, Int4{0, 4, 2, 6}) + __builtin_shuffle(c, d, Int4{1, 5, 3, 7});
-    return scale *
-           (__builtin_shuffle(ab, cd, Int4{0, 1, 4, 5}) + __builtin_shuffle(ab, cd, Int4{2, 3, 6, 7}));
+    return __builtin_shuffle(ab, cd, Int4{0, 1, 4, 5}) + __builtin_shuffle(ab, cd, Int4{2, 3, 6, 7});
 }
 
 // Unknown offsets of the nine neighbour slots of a node on a grid of height h.
@@ -178,10 +123,10 @@ static void slotOffsets(int h, int64_t offset[kBlockSlots]) {
 static inline Float4 slotProduct(const BlockGrid *K, int64_t a, int slot, const int64_t *offset,
                                  const float *x) {
     const float *xc = x + a * 4 + offset[slot];
-    if (slot >= kCentreSlot) return productBlock(packedAt(K, a, slot), K->scale, xc);
+    if (slot >= kCentreSlot) return productBlock(blockAt(K, a, slot), xc);
     const int64_t c = a + offset[slot] / kBlockDofs;
     if (c < 0) return Float4{0, 0, 0, 0};
-    return productTransposed(packedAt(K, c, 8 - slot), K->scale, xc);
+    return productTransposed(blockAt(K, c, 8 - slot), xc);
 }
 
 // start - sum of K(a, c) x_c over the slots [first, last] (the centre included when it lies there),
@@ -271,11 +216,11 @@ static void relaxLowerWithResidual(const BlockGrid *K, const float *b, float *x,
         store4(x + a * 4, xn);
         float xv[4];
         store4(xv, xn);
-        store4(res + a * 4, s - productBlock(packedAt(K, a, kCentreSlot), K->scale, xv));
+        store4(res + a * 4, s - productBlock(blockAt(K, a, kCentreSlot), xv));
         for (int slot = 0; slot < kCentreSlot; ++slot) {
             const int64_t c = a + offset[slot] / kBlockDofs;
             if (c < floor || c < 0) continue;
-            store4(res + c * 4, load4(res + c * 4) - productBlock(packedAt(K, c, 8 - slot), K->scale, xv));
+            store4(res + c * 4, load4(res + c * 4) - productBlock(blockAt(K, c, 8 - slot), xv));
         }
     }
 }
@@ -294,16 +239,16 @@ static void relaxMiddleWithResidual(const BlockGrid *K, const float *b, float *x
         store4(x + a * 4, xn);
         float xv[4];
         store4(xv, xn);
-        store4(res + a * 4, s - productBlock(packedAt(K, a, kCentreSlot), K->scale, xv));
+        store4(res + a * 4, s - productBlock(blockAt(K, a, kCentreSlot), xv));
         for (int slot = 0; slot < kCentreSlot; ++slot) {
             const int64_t c = a + offset[slot] / kBlockDofs;
             if (c < 0) continue;
-            store4(res + c * 4, load4(res + c * 4) - productBlock(packedAt(K, c, 8 - slot), K->scale, xv));
+            store4(res + c * 4, load4(res + c * 4) - productBlock(blockAt(K, c, 8 - slot), xv));
         }
         for (int slot = kCentreSlot + 1; slot < kBlockSlots; ++slot) {
             const int64_t f = a + offset[slot] / kBlockDofs;
             if (f < hi || f >= nodes) continue;
-            store4(res + f * 4, load4(res + f * 4) - productTransposed(packedAt(K, a, slot), K->scale, xv));
+            store4(res + f * 4, load4(res + f * 4) - productTransposed(blockAt(K, a, slot), xv));
         }
     }
 }

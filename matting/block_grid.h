@@ -24,23 +24,12 @@ constexpr int kBlockSlots = 9;
 constexpr int kCentreSlot = 4;
 constexpr int kStoredSlots = 5; // slots 4 .. 8
 
-// The kernels read the blocks in half precision (11 significant bits) where the processor converts
-// halves itself, scaled by a power of two per level: half the bytes of a pass over a large level,
-// which is what such a pass waits for; otherwise in single precision.
-#if defined(__F16C__)
-typedef uint16_t BlockCoefficient; // IEEE half-precision bits
-#else
-typedef float BlockCoefficient;
-#endif
-
 struct BlockGrid {
     int height = 0, width = 0; // node grid
     // [node][slot - 4][column][row]: block K(a, neighbour) for slots 4 .. 8, stored by columns. Blocks
     // towards neighbours outside the grid stay zero.
     std::vector<float> blocks;
-    std::vector<float> inverse;           // [node][column][row] pseudo-inverse of the diagonal block
-    std::vector<BlockCoefficient> packed; // blocks / scale, as the kernels read them
-    float scale = 1.0f;
+    std::vector<float> inverse; // [node][column][row] pseudo-inverse of the diagonal block
 };
 
 // A vector of unknowns on a node grid, in single precision like the blocks, with a zero margin of
@@ -71,11 +60,9 @@ inline const float *blockAt(const BlockGrid *K, int64_t a, int slot) {
 // initBlockVector: zero vector for the nodes of K, with its margins.
 void initBlockVector(BlockVector *v, const BlockGrid *K);
 
-// invertBlockDiagonal: rounds the blocks to what the kernels' packed copy holds, makes that copy and
-// fills K->inverse; call it once the blocks are final, before any kernel below. A diagonal block that is only
-// semi-definite (an unknown the level does not use, or a colour direction a flat patch does not have) is
-// inverted on the unknowns whose Cholesky pivots are clearly positive; the others get zero rows and columns,
-// so they stay 0.
+// invertBlockDiagonal: fills K->inverse. A diagonal block that is only semi-definite (an unknown the
+// level does not use, or a colour direction a flat patch does not have) is inverted on the unknowns
+// whose Cholesky pivots are clearly positive; the others get zero rows and columns, so they stay 0.
 void invertBlockDiagonal(BlockGrid *K);
 
 // multiplyBlockGrid: y = K x, on both cores for large grids. x and y must not overlap.

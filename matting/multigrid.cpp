@@ -583,8 +583,7 @@ size_t multigridBytes(const Multigrid *mg) {
                    mg->smoother.stencil.size() * sizeof(GridCoefficient) +
                    mg->residual.size() * sizeof(double) + mg->coarsest.lower.size() * sizeof(double);
     for (const auto &L : mg->levels) {
-        bytes += (L->K.blocks.size() + L->K.inverse.size()) * sizeof(float) +
-                 L->K.packed.size() * sizeof(BlockCoefficient);
+        bytes += (L->K.blocks.size() + L->K.inverse.size()) * sizeof(float);
         bytes += (L->candidates.size() + L->transfer.size()) * sizeof(double);
         bytes += 8 * L->rhs.storage.size() * sizeof(double);
     }
