@@ -1,4 +1,4 @@
-// Gauss-Seidel sweeps on the pixel-by-pixel single-precision copy of a grid matrix: the fine-level
+// Gauss-Seidel sweeps on the pixel-by-pixel, reduced-precision copy of a grid matrix: the fine-level
 // smoother of the multigrid preconditioner.
 //
 // Every pixel's record holds its whole stencil, so a step reads one contiguous record and, for each
@@ -18,8 +18,8 @@
 namespace {
 
 constexpr int64_t kParallelGrain = 1 << 16;
-// Pixels a residual lags behind the sweep inside one part: the residual of q waits until the sweep has
-// passed q + reach, then reads its record again while it is still in the cache.
+// Pixels swept between two rounds of the work that trails a sweep (residuals, products): that work
+// starts once the sweep has moved a stencil past a pixel and reads its record while it is still cached.
 constexpr int64_t kChunk = 1024;
 
 typedef float Float4 __attribute__((vector_size(16)));
@@ -77,7 +77,7 @@ template <int R> struct Shape {
 };
 
 // sum over the stencil of p, diagonal excluded, of A(p, q) x[q], for a pixel at least `edge` from both
-// ends. `before` = -1: the neighbour p - 1 is added last (forward sweep), +1: p + 1 last (backward).
+// ends. `last` = -1: the neighbour p - 1 is added last (forward sweep), +1: p + 1 last (backward).
 template <int R, Part P>
 inline double interiorSum(const Shape<R> &g, const GridCoefficient *c, const double *x, int64_t p, int last) {
     const int reach = g.reach, side = g.side;
