@@ -202,6 +202,23 @@ static void relaxRange(const BlockGrid *K, const float *b, float *x, int64_t fro
         }
 }
 
+// x_a = D^-1 s for s = b_a - the couplings already counted, its own residual s - D x_a, and -K(c, a) x_a
+// added to the residual of every neighbour c before a with c >= floor. The new x_a also goes to xv.
+static inline void updateWithResidual(const BlockGrid *K, int64_t a, const int64_t *offset, Float4 s,
+                                      float *x, float *res, int64_t floor, float *xv = nullptr) {
+    float own[4];
+    if (!xv) xv = own;
+    const Float4 xn = applyInverse(K, a, s);
+    store4(x + a * 4, xn);
+    store4(xv, xn);
+    store4(res + a * 4, s - productBlock(blockAt(K, a, kCentreSlot), xv));
+    for (int slot = 0; slot < kCentreSlot; ++slot) {
+        const int64_t c = a + offset[slot] / kBlockDofs;
+        if (c < floor || c < 0) continue;
+        store4(res + c * 4, load4(res + c * 4) - productBlock(blockAt(K, c, 8 - slot), xv));
+    }
+}
+
 // The forward sweep from zero over [from, to), with the residual formed on the way as for the pixel
 // grid: a node's own residual is what its update leaves, and each node subtracts K(c, a) x_a from the
 // residual of every neighbour c before it that was updated before it in the sweep order (c >= floor).
@@ -212,16 +229,7 @@ static void relaxLowerWithResidual(const BlockGrid *K, const float *b, float *x,
     slotOffsets(K->height, offset);
     for (int64_t a = from; a < to; ++a) {
         const Float4 s = minusSlots(K, a, offset, x, load4(b + a * 4), 0, kCentreSlot - 1, kPreviousSlot);
-        const Float4 xn = applyInverse(K, a, s);
-        store4(x + a * 4, xn);
-        float xv[4];
-        store4(xv, xn);
-        store4(res + a * 4, s - productBlock(blockAt(K, a, kCentreSlot), xv));
-        for (int slot = 0; slot < kCentreSlot; ++slot) {
-            const int64_t c = a + offset[slot] / kBlockDofs;
-            if (c < floor || c < 0) continue;
-            store4(res + c * 4, load4(res + c * 4) - productBlock(blockAt(K, c, 8 - slot), xv));
-        }
+        updateWithResidual(K, a, offset, s, x, res, floor);
     }
 }
 
@@ -235,16 +243,8 @@ static void relaxMiddleWithResidual(const BlockGrid *K, const float *b, float *x
     for (int64_t a = lo; a < hi; ++a) {
         Float4 s = minusSlots(K, a, offset, x, load4(b + a * 4), kCentreSlot + 1, kBlockSlots - 1, -1);
         s = minusSlots(K, a, offset, x, s, 0, kCentreSlot - 1, kPreviousSlot);
-        const Float4 xn = applyInverse(K, a, s);
-        store4(x + a * 4, xn);
         float xv[4];
-        store4(xv, xn);
-        store4(res + a * 4, s - productBlock(blockAt(K, a, kCentreSlot), xv));
-        for (int slot = 0; slot < kCentreSlot; ++slot) {
-            const int64_t c = a + offset[slot] / kBlockDofs;
-            if (c < 0) continue;
-            store4(res + c * 4, load4(res + c * 4) - productBlock(blockAt(K, c, 8 - slot), xv));
-        }
+        updateWithResidual(K, a, offset, s, x, res, 0, xv);
         for (int slot = kCentreSlot + 1; slot < kBlockSlots; ++slot) {
             const int64_t f = a + offset[slot] / kBlockDofs;
             if (f < hi || f >= nodes) continue;
