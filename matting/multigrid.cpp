@@ -141,16 +141,91 @@ PixelBasis blockBasis(const float *colour, int channels, int64_t n, int H, int i
     return B;
 }
 
-// First coarse level: basis values at every pixel, the coarse candidates (the colour model's 1, red,
-// green, blue in the coarse unknowns) and the Galerkin matrix P^T A P.
-void buildFirstLevel(Multigrid *mg, const float *colour, int channels, MultigridLevel *L1) {
-    const GridMatrix *A = mg->A;
-    const int H = A->height, W = A->width, S = mg->aggregate;
-    const int64_t n = gridPixels(A);
-    const int ah = (H + S - 1) / S, aw = (W + S - 1) / S;
-    const int64_t na = int64_t(ah) * aw;
-    mg->basis.assign(size_t(n) * 4, 0.0f);
-    std::vector<char> coupled(n, 0);
+// Where the first level's transfer lives: aggregate a = I + J * ah covers the pixel rows [I S, I S + S)
+// and columns [J S, J S + S) (clipped to the image), and its smoothed basis functions the box of side
+// S + 2 border around them.
+struct FirstLevelShape {
+    int H, W, S, border, box, ah, aw;
+    int row0(int I) const { return I * S - border; } // first pixel row of aggregate row I's box
+    int col0(int J) const { return J * S - border; }
+    // Transfer entries of aggregate a at pixel (i, j) of its box: 4 values, one per coarse unknown.
+    size_t at(int64_t a, int i, int j, int I, int J) const {
+        return (size_t(a) * box * box + size_t(i - row0(I)) + size_t(j - col0(J)) * box) * 4;
+    }
+};
+
+FirstLevelShape firstLevelShape(const GridMatrix *A, int S) {
+    FirstLevelShape g;
+    g.H = A->height;
+    g.W = A->width;
+    g.S = S;
+    // Boxes two aggregates apart must not couple through A, so that coarse nodes keep their eight
+    // neighbours: S + 1 - 2 border > reach.
+    g.border = std::clamp((S - A->reach) / 2, 0, 1);
+    g.box = S + 2 * g.border;
+    g.ah = (g.H + S - 1) / S;
+    g.aw = (g.W + S - 1) / S;
+    return g;
+}
+
+// Calls f(q, value) for every neighbour q = (qi, qj) of pixel p = (i, j) in the image with A(p, q) != 0,
+// p itself included.
+template <class F>
+inline void forStencil(const GridMatrix *A, const std::vector<StencilRead> &reads, int i, int j, F f) {
+    const int H = A->height, W = A->width;
+    const int64_t n = gridPixels(A), p = i + int64_t(j) * H;
+    for (const StencilRead &s : reads) {
+        const int qi = i + s.drow, qj = j + s.dcol;
+        if (qi < 0 || qi >= H || qj < 0 || qj >= W) continue;
+        const double value = s.band < 0 ? A->diag[p] : A->bands[s.band * n + p + s.at];
+        if (value != 0.0) f(qi, qj, value);
+    }
+}
+
+// y = M^+ d for a small symmetric positive semi-definite M, by Cholesky with the pivots that are not
+// clearly positive dropped (their components of y are 0).
+void solveSemiDefinite4(double M[4][4], const double d[4], double y[4]) {
+    double L[4][4] = {}, trace = M[0][0] + M[1][1] + M[2][2] + M[3][3];
+    bool keep[4];
+    for (int j = 0; j < 4; ++j) {
+        double pivot = M[j][j];
+        for (int k = 0; k < j; ++k)
+            pivot -= L[j][k] * L[j][k];
+        keep[j] = pivot > 1e-12 * trace && pivot > 0.0;
+        if (!keep[j]) continue;
+        L[j][j] = std::sqrt(pivot);
+        for (int i = j + 1; i < 4; ++i) {
+            double v = M[i][j];
+            for (int k = 0; k < j; ++k)
+                v -= L[i][k] * L[j][k];
+            L[i][j] = v / L[j][j];
+        }
+    }
+    double t[4];
+    for (int i = 0; i < 4; ++i) {
+        double v = d[i];
+        for (int k = 0; k < i; ++k)
+            v -= L[i][k] * t[k];
+        t[i] = keep[i] ? v / L[i][i] : 0.0;
+    }
+    for (int i = 3; i >= 0; --i) {
+        double v = t[i];
+        for (int k = i + 1; k < 4; ++k)
+            v -= L[k][i] * y[k];
+        y[i] = keep[i] ? v / L[i][i] : 0.0;
+    }
+}
+
+// First coarse level, part one: the colour model's orthonormal basis on every block (the tentative
+// transfer, returned in `basis`, [n][4]), the blocks holding a coupled pixel, and the coarse candidates
+// (the colour model's 1, red, green, blue in the coarse unknowns: candidates = basis^T [1 colour]).
+void buildBasis(Multigrid *mg, const FirstLevelShape &g, const float *colour, int channels,
+                MultigridLevel *L1, std::vector<float> *basis, std::vector<char> *coupled_out) {
+    const int H = g.H, W = g.W, S = g.S, ah = g.ah;
+    const int64_t n = gridPixels(mg->A), na = int64_t(g.ah) * g.aw;
+    basis->assign(size_t(n) * 4, 0.0f);
+    std::vector<char> &coupled = *coupled_out;
+    coupled.assign(n, 0);
     for (const auto &run : mg->runs)
         std::fill(coupled.begin() + run.first, coupled.begin() + run.second, 1);
     mg->active_block.assign(na, 0);
@@ -164,7 +239,7 @@ void buildFirstLevel(Multigrid *mg, const float *colour, int channels, Multigrid
             for (int j = j0; j < j1; ++j)
                 for (int i = i0; i < i1; ++i) {
                     const int64_t p = i + int64_t(j) * H;
-                    float *q = &mg->basis[size_t(p) * 4];
+                    float *q = &(*basis)[size_t(p) * 4];
                     B.at(colour, n, p, q);
                     mg->active_block[a] |= coupled[p];
                     if (!coupled[p]) {
@@ -182,44 +257,149 @@ void buildFirstLevel(Multigrid *mg, const float *colour, int channels, Multigrid
                 }
         }
     });
+}
 
-    initBlockGrid(&L1->K, ah, aw);
+// First coarse level, part two: the transfer. A block's basis functions jump at its edges, where A
+// gives them a high energy; one Jacobi step with A, P = (I - D^-1 A) basis, takes most of it away,
+// which halves the iterations the preconditioned solve needs. The smoothed functions are cut back to
+// each aggregate's box (the block and a one-pixel border). That loses the exact reproduction of the
+// colour model, so every pixel's row then gets the smallest change that gives back what the uncut
+// smoothing gives for the candidates: sum over a of P(p, a) candidates(a) = ((I - D^-1 A) Y)(p), where
+// Y(q) = basis(q) candidates(aggregate of q) is the colour model itself on the coupled pixels. What
+// the cut left out, and so the change to make, is -D^-1 A(p, q) Y(q) summed over the pixels q in
+// blocks whose box does not hold p.
+void buildTransfer(Multigrid *mg, const FirstLevelShape &g, const std::vector<float> &basis,
+                   const std::vector<char> &coupled, MultigridLevel *L1) {
+    const GridMatrix *A = mg->A;
+    const int H = g.H, W = g.W, S = g.S, ah = g.ah, aw = g.aw;
+    const int64_t na = int64_t(ah) * aw;
     const std::vector<StencilRead> reads = stencilReads(A);
-    parallelRange(na, kParallelGrain, [&](int64_t begin, int64_t end) {
-        for (int64_t a = begin; a < end; ++a) {
+    // candidates^T candidates of every aggregate.
+    std::vector<double> gram(size_t(na) * 16, 0.0);
+    parallelRange(na, kParallelGrain, [&](int64_t a, int64_t end) {
+        for (; a < end; ++a) {
+            const double *C = &L1->candidates[size_t(a) * kBlockSize];
+            for (int c = 0; c < 4; ++c)
+                for (int e = 0; e < 4; ++e)
+                    for (int d = 0; d < 4; ++d)
+                        gram[size_t(a) * 16 + c * 4 + e] += C[d * 4 + c] * C[d * 4 + e];
+        }
+    });
+    mg->transfer.assign(size_t(na) * g.box * g.box * 4, 0.0f);
+    // Each pixel writes only its own rows, so the aggregates can go in parallel.
+    parallelRange(na, kParallelGrain, [&](int64_t a, int64_t end) {
+        for (; a < end; ++a) {
+            if (!mg->active_block[a]) continue;
             const int I = int(a % ah), J = int(a / ah);
             const int i0 = I * S, i1 = std::min(H, i0 + S), j0 = J * S, j1 = std::min(W, j0 + S);
-            double acc[kBlockSlots][kBlockSize] = {};
             for (int j = j0; j < j1; ++j)
                 for (int i = i0; i < i1; ++i) {
                     const int64_t p = i + int64_t(j) * H;
-                    double v[kBlockSlots][4] = {};
-                    bool touched[kBlockSlots] = {};
-                    for (const StencilRead &s : reads) {
-                        const int qi = i + s.drow, qj = j + s.dcol;
-                        if (qi < 0 || qi >= H || qj < 0 || qj >= W) continue;
-                        const double value = s.band < 0 ? A->diag[p] : A->bands[s.band * n + p + s.at];
-                        if (value == 0.0) continue;
-                        // S >= reach: the neighbour lies in this block or the next one either way.
-                        const int slot = blockSlot(qi < i0 ? -1 : qi >= i0 + S, qj < j0 ? -1 : qj >= j0 + S);
-                        if (slot < kCentreSlot) continue; // held by the neighbour, as its transpose
-                        const float *q = &mg->basis[size_t(qi + int64_t(qj) * H) * 4];
-                        for (int d = 0; d < 4; ++d)
-                            v[slot][d] += value * q[d];
-                        touched[slot] = true;
-                    }
-                    const float *qp = &mg->basis[size_t(p) * 4];
-                    for (int slot = 0; slot < kBlockSlots; ++slot) {
-                        if (!touched[slot]) continue;
+                    if (!coupled[p]) continue; // its rows stay 0
+                    // The aggregates whose box holds p, by their position around p's own.
+                    int which[3][3];
+                    float *rows[4];
+                    int64_t holders[4];
+                    int count = 0;
+                    for (int dJ = -1; dJ <= 1; ++dJ)
+                        for (int dI = -1; dI <= 1; ++dI) {
+                            const int I2 = I + dI, J2 = J + dJ;
+                            which[dI + 1][dJ + 1] = -1;
+                            if (I2 < 0 || I2 >= ah || J2 < 0 || J2 >= aw || i < g.row0(I2) ||
+                                i >= g.row0(I2) + g.box || j < g.col0(J2) || j >= g.col0(J2) + g.box)
+                                continue;
+                            holders[count] = I2 + int64_t(J2) * ah;
+                            rows[count] = &mg->transfer[g.at(holders[count], i, j, I2, J2)];
+                            which[dI + 1][dJ + 1] = count++;
+                        }
+                    double v[4][4] = {}, defect[4] = {0, 0, 0, 0};
+                    const int own = which[1][1];
+                    for (int d = 0; d < 4; ++d)
+                        v[own][d] = basis[size_t(p) * 4 + d];
+                    const double scale = A->diag[p] > 0.0 ? 1.0 / A->diag[p] : 0.0;
+                    forStencil(A, reads, i, j, [&](int qi, int qj, double value) {
+                        const int64_t q = qi + int64_t(qj) * H;
+                        const float *bq = &basis[size_t(q) * 4];
+                        const double f = scale * value;
+                        // S >= reach: q's block is p's or one of the eight around it.
+                        const int k = which[qi / S - I + 1][qj / S - J + 1];
+                        if (k >= 0) {
+                            for (int d = 0; d < 4; ++d)
+                                v[k][d] -= f * bq[d];
+                            return;
+                        }
+                        const double *C = &L1->candidates[size_t(qi / S + int64_t(qj / S) * ah) * kBlockSize];
                         for (int c = 0; c < 4; ++c)
-                            for (int r = 0; r < 4; ++r)
-                                acc[slot][c * 4 + r] += qp[r] * v[slot][c];
+                            defect[c] -=
+                                f * (bq[0] * C[c] + bq[1] * C[4 + c] + bq[2] * C[8 + c] + bq[3] * C[12 + c]);
+                    });
+                    // The smallest change of p's rows with sum_k change_k^T candidates_k = defect:
+                    // change_k = candidates_k y with (sum_k candidates_k^T candidates_k) y = defect.
+                    double M[4][4] = {}, y[4];
+                    for (int k = 0; k < count; ++k)
+                        for (int c = 0; c < 4; ++c)
+                            for (int e = 0; e < 4; ++e)
+                                M[c][e] += gram[size_t(holders[k]) * 16 + c * 4 + e];
+                    solveSemiDefinite4(M, defect, y);
+                    for (int k = 0; k < count; ++k) {
+                        const double *C = &L1->candidates[size_t(holders[k]) * kBlockSize];
+                        for (int d = 0; d < 4; ++d)
+                            rows[k][d] = float(v[k][d] + C[d * 4] * y[0] + C[d * 4 + 1] * y[1] +
+                                               C[d * 4 + 2] * y[2] + C[d * 4 + 3] * y[3]);
                     }
                 }
+        }
+    });
+}
+
+// First coarse level, part three: the Galerkin matrix P^T A P. For each aggregate a, U = A P(., a) on
+// the pixels A reaches from a's box, then K(a, b) = sum over b's box of U^T P(., b) for a and the four
+// neighbours after it.
+void buildFirstMatrix(Multigrid *mg, const FirstLevelShape &g, MultigridLevel *L1) {
+    const GridMatrix *A = mg->A;
+    const int H = g.H, W = g.W, ah = g.ah, aw = g.aw, box = g.box, R = A->reach;
+    const int side = box + 2 * R; // of the region A reaches from a box
+    const int64_t na = int64_t(ah) * aw;
+    const std::vector<StencilRead> reads = stencilReads(A);
+    initBlockGrid(&L1->K, ah, aw);
+    parallelRange(na, kParallelGrain, [&](int64_t a, int64_t end) {
+        std::vector<double> U(size_t(side) * side * 4);
+        for (; a < end; ++a) {
+            if (!mg->active_block[a]) continue;
+            const int I = int(a % ah), J = int(a / ah);
+            const int u0 = g.row0(I) - R, v0 = g.col0(J) - R; // pixel at U's corner
+            std::fill(U.begin(), U.end(), 0.0);
+            for (int j = std::max(0, g.col0(J)); j < std::min(W, g.col0(J) + box); ++j)
+                for (int i = std::max(0, g.row0(I)); i < std::min(H, g.row0(I) + box); ++i) {
+                    const float *Pa = &mg->transfer[g.at(a, i, j, I, J)];
+                    if (Pa[0] == 0.0f && Pa[1] == 0.0f && Pa[2] == 0.0f && Pa[3] == 0.0f) continue;
+                    // A is symmetric: column p of A is row p.
+                    forStencil(A, reads, i, j, [&](int qi, int qj, double value) {
+                        double *u = &U[(size_t(qi - u0) + size_t(qj - v0) * side) * 4];
+                        for (int r = 0; r < 4; ++r)
+                            u[r] += value * Pa[r];
+                    });
+                }
             for (int slot = kCentreSlot; slot < kBlockSlots; ++slot) {
+                const int I2 = I + slot % 3 - 1, J2 = J + slot / 3 - 1;
+                if (I2 < 0 || I2 >= ah || J2 < 0 || J2 >= aw) continue;
+                const int64_t b = I2 + int64_t(J2) * ah;
+                if (!mg->active_block[b]) continue;
+                double acc[kBlockSize] = {};
+                const int ib = std::max(0, g.row0(I2)), ie = std::min(H, g.row0(I2) + box);
+                for (int j = std::max(0, g.col0(J2)); j < std::min(W, g.col0(J2) + box); ++j) {
+                    if (j - v0 >= side) break;
+                    for (int i = std::max(ib, u0); i < std::min(ie, u0 + side); ++i) {
+                        const float *Pb = &mg->transfer[g.at(b, i, j, I2, J2)];
+                        const double *u = &U[(size_t(i - u0) + size_t(j - v0) * side) * 4];
+                        for (int c = 0; c < 4; ++c)
+                            for (int r = 0; r < 4; ++r)
+                                acc[c * 4 + r] += u[r] * Pb[c];
+                    }
+                }
                 float *M = blockAt(&L1->K, a, slot);
                 for (int k = 0; k < kBlockSize; ++k)
-                    M[k] = float(acc[slot][k]);
+                    M[k] = float(acc[k]);
             }
         }
     });
@@ -469,7 +649,7 @@ void solveLevel(Multigrid *mg, size_t l) {
 void buildMultigrid(const GridMatrix *A, const float *colour, int channels, Multigrid *mg) {
     mg->A = A;
     mg->levels.clear();
-    mg->basis.clear();
+    mg->transfer.clear();
     const int64_t n = gridPixels(A);
     if (!colour) channels = 0;
     channels = std::clamp(channels, 0, 3);
@@ -507,7 +687,16 @@ void buildMultigrid(const GridMatrix *A, const float *colour, int channels, Mult
         mg->inv_diag[p] = A->diag[p] > 0.0 ? 1.0 / (rounded > 0.0 ? rounded : A->diag[p]) : 0.0;
     }
     auto first = std::make_unique<MultigridLevel>();
-    buildFirstLevel(mg, colour, channels, first.get());
+    {
+        const FirstLevelShape g = firstLevelShape(A, mg->aggregate);
+        std::vector<float> basis;
+        std::vector<char> coupled;
+        buildBasis(mg, g, colour, channels, first.get(), &basis, &coupled);
+        buildTransfer(mg, g, basis, coupled, first.get());
+        basis = std::vector<float>();
+        coupled = std::vector<char>();
+        buildFirstMatrix(mg, g, first.get());
+    }
     mg->levels.push_back(std::move(first));
     for (;;) {
         MultigridLevel *L = mg->levels.back().get();
@@ -534,40 +723,48 @@ void applyMultigrid(Multigrid *mg, const double *r, double *z, double *az) {
     double *res = mg->residual.data();
     sweepGridMatrixWithResidual(&mg->smoother, mg->inv_diag.data(), r, z, res, &mg->runs);
     MultigridLevel *L1 = mg->levels[0].get();
-    const int H = A->height, W = A->width, S = mg->aggregate, ah = L1->K.height;
+    const FirstLevelShape g = firstLevelShape(A, mg->aggregate);
+    const int H = g.H, W = g.W, ah = g.ah, aw = g.aw;
     const int64_t na = blockNodes(&L1->K);
-    parallelRange(na, kParallelGrain, [&](int64_t begin, int64_t end) {
-        for (int64_t a = begin; a < end; ++a) {
+    parallelRange(na, kParallelGrain, [&](int64_t a, int64_t end) {
+        for (; a < end; ++a) {
             double s[4] = {0, 0, 0, 0};
             const int I = int(a % ah), J = int(a / ah);
-            const int i0 = I * S, i1 = std::min(H, i0 + S), j0 = J * S,
-                      j1 = mg->active_block[a] ? std::min(W, j0 + S) : j0;
-            for (int j = j0; j < j1; ++j)
-                for (int i = i0; i < i1; ++i) {
-                    const int64_t p = i + int64_t(j) * H;
-                    const float *q = &mg->basis[size_t(p) * 4];
+            const int j1 = mg->active_block[a] ? std::min(W, g.col0(J) + g.box) : 0;
+            const int ib = std::max(0, g.row0(I)), ie = std::min(H, g.row0(I) + g.box);
+            for (int j = std::max(0, g.col0(J)); j < j1; ++j) {
+                const float *P = &mg->transfer[g.at(a, ib, j, I, J)];
+                const double *rj = res + int64_t(j) * H;
+                for (int i = ib; i < ie; ++i, P += 4)
                     for (int d = 0; d < 4; ++d)
-                        s[d] += q[d] * res[p];
-                }
+                        s[d] += P[d] * rj[i];
+            }
             for (int d = 0; d < 4; ++d)
                 L1->rhs.data()[a * 4 + d] = float(s[d]);
         }
     });
     solveLevel(mg, 0);
-    parallelRange(na, kParallelGrain, [&](int64_t begin, int64_t end) {
-        for (int64_t a = begin; a < end; ++a) {
-            if (!mg->active_block[a]) continue;
-            const int I = int(a % ah), J = int(a / ah);
-            const int i0 = I * S, i1 = std::min(H, i0 + S), j0 = J * S, j1 = std::min(W, j0 + S);
-            const float *c = &L1->sol.data()[a * 4];
-            for (int j = j0; j < j1; ++j)
-                for (int i = i0; i < i1; ++i) {
-                    const int64_t p = i + int64_t(j) * H;
-                    const float *q = &mg->basis[size_t(p) * 4];
-                    z[p] += q[0] * c[0] + q[1] * c[1] + q[2] * c[2] + q[3] * c[3];
+    // Boxes of aggregate columns two apart do not overlap: add the even columns' boxes, then the odd
+    // ones', each column of aggregates in one piece.
+    for (int parity = 0; parity < 2; ++parity)
+        parallelRange((aw - parity + 1) / 2, 1, [&](int64_t k, int64_t end) {
+            for (; k < end; ++k) {
+                const int J = int(2 * k + parity);
+                const int jb = std::max(0, g.col0(J)), je = std::min(W, g.col0(J) + g.box);
+                for (int I = 0; I < ah; ++I) {
+                    const int64_t a = I + int64_t(J) * ah;
+                    if (!mg->active_block[a]) continue;
+                    const float *c = &L1->sol.data()[a * 4];
+                    const int ib = std::max(0, g.row0(I)), ie = std::min(H, g.row0(I) + g.box);
+                    for (int j = jb; j < je; ++j) {
+                        const float *P = &mg->transfer[g.at(a, ib, j, I, J)];
+                        double *zj = z + int64_t(j) * H;
+                        for (int i = ib; i < ie; ++i, P += 4)
+                            zj[i] += P[0] * c[0] + P[1] * c[1] + P[2] * c[2] + P[3] * c[3];
+                    }
                 }
-        }
-    });
+            }
+        });
     if (az)
         sweepGridMatrixBackwardWithProduct(&mg->smoother, mg->inv_diag.data(), r, z, az, &mg->runs);
     else
@@ -579,7 +776,7 @@ int multigridLevelCount(const Multigrid *mg) {
 }
 
 size_t multigridBytes(const Multigrid *mg) {
-    size_t bytes = mg->inv_diag.size() * sizeof(double) + mg->basis.size() * sizeof(float) +
+    size_t bytes = mg->inv_diag.size() * sizeof(double) + mg->transfer.size() * sizeof(float) +
                    mg->smoother.stencil.size() * sizeof(GridCoefficient) +
                    mg->residual.size() * sizeof(double) + mg->coarsest.lower.size() * sizeof(double);
     for (const auto &L : mg->levels) {

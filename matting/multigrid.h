@@ -24,14 +24,15 @@
 struct MultigridLevel;
 
 struct Multigrid {
-    const GridMatrix *A = nullptr;                       // the fine matrix (referenced)
-    int aggregate = 0;                                   // side of a first-level pixel block, 0 when none
-    GridStencils smoother;                               // A in reduced precision for the fine sweeps
-    PixelRuns runs;                                      // pixels coupled to others, the only ones swept
-    std::vector<char> active_block;                      // first-level blocks holding such a pixel
-    std::vector<double> inv_diag;                        // fine Gauss-Seidel
-    std::vector<float> basis;                            // [n][4] coarse basis value at each pixel
-    std::vector<double> residual;                        // fine work vector
+    const GridMatrix *A = nullptr;  // the fine matrix (referenced)
+    int aggregate = 0;              // side of a first-level pixel block, 0 when none
+    GridStencils smoother;          // A in reduced precision for the fine sweeps
+    PixelRuns runs;                 // pixels coupled to others, the only ones swept
+    std::vector<char> active_block; // first-level blocks holding such a pixel
+    std::vector<double> inv_diag;   // fine Gauss-Seidel
+    std::vector<float> transfer;    // [aggregate][box column][box row][4]: P(p, coarse unknown) on the box
+                                    // of pixels each first-level aggregate reaches
+    std::vector<double> residual;   // fine work vector
     std::vector<std::unique_ptr<MultigridLevel>> levels; // coarse levels, finest first
     BlockFactor coarsest; // factor of the last coarse level, or of A itself when there is none
     std::vector<double> coarse_work;
