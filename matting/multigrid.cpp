@@ -62,8 +62,8 @@ inline int blockSlot(int drow, int dcol) {
     return (drow + 1) + 3 * (dcol + 1);
 }
 
-// Orthonormal basis of the colour model on one block of pixels: q_0 = 1 / sqrt(m) and, for the colour
-// channels, the centred colours whitened by the inverse Cholesky factor of their scatter matrix. A
+// Orthonormal basis of the colour model on the m coupled pixels of one block: q_0 = 1 / sqrt(m) and, for the
+// colour channels, the centred colours whitened by the inverse Cholesky factor of their scatter matrix. A
 // channel that adds nothing new on the block (a flat patch, or channels that move together) is left out.
 struct PixelBasis {
     double mean[3];
@@ -84,21 +84,27 @@ struct PixelBasis {
     }
 };
 
-PixelBasis blockBasis(const float *colour, int channels, int64_t n, int H, int i0, int i1, int j0, int j1) {
+PixelBasis blockBasis(const float *colour, int channels, int64_t n, int H, int i0, int i1, int j0, int j1,
+                      const std::vector<char> &coupled) {
     PixelBasis B = {};
     B.channels = channels;
-    const int m = (i1 - i0) * (j1 - j0);
+    int m = 0;
+    for (int j = j0; j < j1; ++j)
+        for (int i = i0; i < i1; ++i)
+            m += coupled[i + int64_t(j) * H];
+    if (m == 0) return B;
     B.inv_sqrt_m = 1.0 / std::sqrt(double(m));
     for (int c = 0; c < channels; ++c) {
         double s = 0.0;
         for (int j = j0; j < j1; ++j)
             for (int i = i0; i < i1; ++i)
-                s += colour[c * n + i + int64_t(j) * H];
+                if (coupled[i + int64_t(j) * H]) s += colour[c * n + i + int64_t(j) * H];
         B.mean[c] = s / m;
     }
     double S[3][3] = {};
     for (int j = j0; j < j1; ++j)
         for (int i = i0; i < i1; ++i) {
+            if (!coupled[i + int64_t(j) * H]) continue;
             double d[3];
             for (int c = 0; c < channels; ++c)
                 d[c] = colour[c * n + i + int64_t(j) * H] - B.mean[c];
@@ -234,7 +240,7 @@ void buildBasis(Multigrid *mg, const FirstLevelShape &g, const float *colour, in
         for (int64_t a = begin; a < end; ++a) {
             const int I = int(a % ah), J = int(a / ah);
             const int i0 = I * S, i1 = std::min(H, i0 + S), j0 = J * S, j1 = std::min(W, j0 + S);
-            const PixelBasis B = blockBasis(colour, channels, n, H, i0, i1, j0, j1);
+            const PixelBasis B = blockBasis(colour, channels, n, H, i0, i1, j0, j1, coupled);
             double *cand = &L1->candidates[size_t(a) * kBlockSize];
             for (int j = j0; j < j1; ++j)
                 for (int i = i0; i < i1; ++i) {
@@ -286,6 +292,20 @@ void buildTransfer(Multigrid *mg, const FirstLevelShape &g, const std::vector<fl
         }
     });
     mg->transfer.assign(size_t(na) * g.box * g.box * 4, 0.0f);
+    if (g.border == 0) {
+        // Windows so wide that a border would couple blocks two apart: the boxes are the blocks, and
+        // smoothing cut back to them gains next to nothing. The transfer is the basis.
+        parallelRange(na, kParallelGrain, [&](int64_t a, int64_t end) {
+            for (; a < end; ++a) {
+                const int I = int(a % ah), J = int(a / ah);
+                for (int j = J * S; j < std::min(W, J * S + S); ++j)
+                    for (int i = I * S; i < std::min(H, I * S + S); ++i)
+                        std::copy_n(&basis[size_t(i + int64_t(j) * H) * 4], 4,
+                                    &mg->transfer[g.at(a, i, j, I, J)]);
+            }
+        });
+        return;
+    }
     // Each pixel writes only its own rows, so the aggregates can go in parallel.
     parallelRange(na, kParallelGrain, [&](int64_t a, int64_t end) {
         for (; a < end; ++a) {
@@ -646,6 +666,49 @@ void solveLevel(Multigrid *mg, size_t l) {
 
 } // namespace
 
+namespace {
+
+// z += P c for the first coarse level's unknowns c.
+void prolongFirstLevel(const Multigrid *mg, const float *c, double *z) {
+    const FirstLevelShape g = firstLevelShape(mg->A, mg->aggregate);
+    const int H = g.H, W = g.W, ah = g.ah;
+    // Boxes of aggregate columns two apart do not overlap: add the even columns' boxes, then the odd
+    // ones', each column of aggregates in one piece.
+    for (int parity = 0; parity < 2; ++parity)
+        parallelRange((g.aw - parity + 1) / 2, std::max<int64_t>(1, kParallelGrain / ah),
+                      [&](int64_t k, int64_t end) {
+                          for (; k < end; ++k) {
+                              const int J = int(2 * k + parity);
+                              const int jb = std::max(0, g.col0(J)), je = std::min(W, g.col0(J) + g.box);
+                              for (int I = 0; I < ah; ++I) {
+                                  const int64_t a = I + int64_t(J) * ah;
+                                  if (!mg->active_block[a]) continue;
+                                  const float *ca = c + a * 4;
+                                  const int ib = std::max(0, g.row0(I)), ie = std::min(H, g.row0(I) + g.box);
+                                  for (int j = jb; j < je; ++j) {
+                                      const float *P = &mg->transfer[g.at(a, ib, j, I, J)];
+                                      double *zj = z + int64_t(j) * H;
+                                      for (int i = ib; i < ie; ++i, P += 4)
+                                          zj[i] += P[0] * ca[0] + P[1] * ca[1] + P[2] * ca[2] + P[3] * ca[3];
+                                  }
+                              }
+                          }
+                      });
+}
+
+} // namespace
+
+void multigridColourModel(const Multigrid *mg, int candidate, double *alpha) {
+    const int64_t n = gridPixels(mg->A);
+    std::fill(alpha, alpha + n, 0.0);
+    if (mg->levels.empty()) return;
+    const MultigridLevel *L1 = mg->levels[0].get();
+    std::vector<float> c(size_t(blockNodes(&L1->K)) * 4);
+    for (size_t k = 0; k < c.size(); ++k)
+        c[k] = float(L1->candidates[(k / 4) * kBlockSize + (k % 4) * 4 + candidate]);
+    prolongFirstLevel(mg, c.data(), alpha);
+}
+
 void buildMultigrid(const GridMatrix *A, const float *colour, int channels, Multigrid *mg) {
     mg->A = A;
     mg->levels.clear();
@@ -724,7 +787,7 @@ void applyMultigrid(Multigrid *mg, const double *r, double *z, double *az) {
     sweepGridMatrixWithResidual(&mg->smoother, mg->inv_diag.data(), r, z, res, &mg->runs);
     MultigridLevel *L1 = mg->levels[0].get();
     const FirstLevelShape g = firstLevelShape(A, mg->aggregate);
-    const int H = g.H, W = g.W, ah = g.ah, aw = g.aw;
+    const int H = g.H, W = g.W, ah = g.ah;
     const int64_t na = blockNodes(&L1->K);
     parallelRange(na, kParallelGrain, [&](int64_t a, int64_t end) {
         for (; a < end; ++a) {
@@ -744,27 +807,7 @@ void applyMultigrid(Multigrid *mg, const double *r, double *z, double *az) {
         }
     });
     solveLevel(mg, 0);
-    // Boxes of aggregate columns two apart do not overlap: add the even columns' boxes, then the odd
-    // ones', each column of aggregates in one piece.
-    for (int parity = 0; parity < 2; ++parity)
-        parallelRange((aw - parity + 1) / 2, 1, [&](int64_t k, int64_t end) {
-            for (; k < end; ++k) {
-                const int J = int(2 * k + parity);
-                const int jb = std::max(0, g.col0(J)), je = std::min(W, g.col0(J) + g.box);
-                for (int I = 0; I < ah; ++I) {
-                    const int64_t a = I + int64_t(J) * ah;
-                    if (!mg->active_block[a]) continue;
-                    const float *c = &L1->sol.data()[a * 4];
-                    const int ib = std::max(0, g.row0(I)), ie = std::min(H, g.row0(I) + g.box);
-                    for (int j = jb; j < je; ++j) {
-                        const float *P = &mg->transfer[g.at(a, ib, j, I, J)];
-                        double *zj = z + int64_t(j) * H;
-                        for (int i = ib; i < ie; ++i, P += 4)
-                            zj[i] += P[0] * c[0] + P[1] * c[1] + P[2] * c[2] + P[3] * c[3];
-                    }
-                }
-            }
-        });
+    prolongFirstLevel(mg, L1->sol.data(), z);
     if (az)
         sweepGridMatrixBackwardWithProduct(&mg->smoother, mg->inv_diag.data(), r, z, az, &mg->runs);
     else

@@ -61,6 +61,15 @@ void buildMultigrid(const GridMatrix *A, const float *colour, int channels, Mult
 //       levels), formed during the cycle's last sweep; the other entries are not written
 void applyMultigrid(Multigrid *mg, const double *r, double *z, double *az = nullptr);
 
+// multigridColourModel: what the first coarse level's transfer makes of one of its candidates, the
+// colour model's functions in the coarse unknowns. Where A's rows couple the pixel to others that is
+// the function itself smoothed by one Jacobi step with A, (I - D^-1 A) (phi on the coupled pixels),
+// with phi = 1 (candidate 0) or colour channel candidate - 1: phi wherever A gives phi no energy. For
+// windows so wide that the transfer is not smoothed (reach above 2), phi itself. 0 on the other pixels,
+// and everywhere when there is no coarse level.
+//   alpha  output: n values
+void multigridColourModel(const Multigrid *mg, int candidate, double *alpha);
+
 // multigridLevelCount: number of levels, the fine one included.
 int multigridLevelCount(const Multigrid *mg);
 

@@ -62,8 +62,21 @@ TEST(LinearSolver, ConjugateGradientsMeetTheResidualRuleFastOrReportTheCap) {
         const double residual = relativeResidual(sys, x);
         EXPECT_LE(residual, SolverOptions().tolerance);
         EXPECT_NEAR(report.relative_residual, residual, 1e-3 * residual + 1e-14);
-        EXPECT_LT(report.iterations, 50);
-        EXPECT_LT(relativeDistance(x, direct), 1e-6);
+        // 14 and 11 with the smoothed first-level transfer; 32 and 25 when its functions stop at their
+        // blocks' edges.
+        EXPECT_LT(report.iterations, 20);
+        EXPECT_LT(relativeDistance(x, direct), 1e-5);
+        // What the residual rule is for: the 8-bit mattes agree on at least 99.9 % of the pixels and
+        // never differ by more than 2.
+        int64_t equal = 0;
+        int worst = 0;
+        for (size_t p = 0; p < x.size(); ++p) {
+            auto byte = [](double v) { return int(std::clamp(v, 0.0, 1.0) * 255.0); };
+            equal += byte(x[p]) == byte(direct[p]);
+            worst = std::max(worst, std::abs(byte(x[p]) - byte(direct[p])));
+        }
+        EXPECT_GE(double(equal), 0.999 * double(x.size()));
+        EXPECT_LE(worst, 2);
         // Rows without neighbours (the trimap's inside) get exactly b / diagonal: a matte of 1 there,
         // not 1 minus the iteration's last rounding error (254, not 255).
         int64_t lone = 0;
