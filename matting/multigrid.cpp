@@ -174,19 +174,34 @@ FirstLevelShape firstLevelShape(const GridMatrix *A, int S) {
     return g;
 }
 
-// Calls f(q, value) for every neighbour q = (qi, qj) of pixel p = (i, j) in the image with A(p, q) != 0,
-// p itself included.
-template <class F>
-inline void forStencil(const GridMatrix *A, const std::vector<StencilRead> &reads, int i, int j, F f) {
-    const int H = A->height, W = A->width;
-    const int64_t n = gridPixels(A), p = i + int64_t(j) * H;
-    for (const StencilRead &s : reads) {
-        const int qi = i + s.drow, qj = j + s.dcol;
-        if (qi < 0 || qi >= H || qj < 0 || qj >= W) continue;
-        const double value = s.band < 0 ? A->diag[p] : A->bands[s.band * n + p + s.at];
-        if (value != 0.0) f(qi, qj, value);
+// Row p of A as the (2R+1)^2 elements A(p, p + (drow, dcol)), each read where A keeps it.
+struct StencilRow {
+    const GridMatrix *A;
+    int count = 0;
+    std::vector<int> drow, dcol;
+    std::vector<const double *> at; // A(p, p + offset k) = at[k][p]
+    explicit StencilRow(const GridMatrix *matrix) : A(matrix) {
+        const int64_t n = gridPixels(A);
+        for (const StencilRead &s : stencilReads(A)) {
+            drow.push_back(s.drow);
+            dcol.push_back(s.dcol);
+            at.push_back(s.band < 0 ? A->diag.data() : A->bands.data() + s.band * n + s.at);
+        }
+        count = int(at.size());
     }
-}
+    // Calls f(qi, qj, A(p, q)) for every q in the image with A(p, q) != 0, p = (i, j) itself included.
+    template <class F> void forEach(int i, int j, F f) const {
+        const int H = A->height, W = A->width, R = A->reach;
+        const int64_t p = i + int64_t(j) * H;
+        const bool inside = i >= R && i < H - R && j >= R && j < W - R;
+        for (int k = 0; k < count; ++k) {
+            const int qi = i + drow[k], qj = j + dcol[k];
+            if (!inside && (qi < 0 || qi >= H || qj < 0 || qj >= W)) continue;
+            const double value = at[k][p];
+            if (value != 0.0) f(qi, qj, value);
+        }
+    }
+};
 
 // y = M^+ d for a small symmetric positive semi-definite M, by Cholesky with the pivots that are not
 // clearly positive dropped (their components of y are 0).
@@ -279,7 +294,7 @@ void buildTransfer(Multigrid *mg, const FirstLevelShape &g, const std::vector<fl
     const GridMatrix *A = mg->A;
     const int H = g.H, W = g.W, S = g.S, ah = g.ah, aw = g.aw;
     const int64_t na = int64_t(ah) * aw;
-    const std::vector<StencilRead> reads = stencilReads(A);
+    const StencilRow row(A);
     // candidates^T candidates of every aggregate.
     std::vector<double> gram(size_t(na) * 16, 0.0);
     parallelRange(na, kParallelGrain, [&](int64_t a, int64_t end) {
@@ -337,18 +352,19 @@ void buildTransfer(Multigrid *mg, const FirstLevelShape &g, const std::vector<fl
                     for (int d = 0; d < 4; ++d)
                         v[own][d] = basis[size_t(p) * 4 + d];
                     const double scale = A->diag[p] > 0.0 ? 1.0 / A->diag[p] : 0.0;
-                    forStencil(A, reads, i, j, [&](int qi, int qj, double value) {
+                    row.forEach(i, j, [&](int qi, int qj, double value) {
                         const int64_t q = qi + int64_t(qj) * H;
                         const float *bq = &basis[size_t(q) * 4];
                         const double f = scale * value;
                         // S >= reach: q's block is p's or one of the eight around it.
-                        const int k = which[qi / S - I + 1][qj / S - J + 1];
+                        const int dI = qi < i0 ? -1 : qi >= i0 + S, dJ = qj < j0 ? -1 : qj >= j0 + S;
+                        const int k = which[dI + 1][dJ + 1];
                         if (k >= 0) {
                             for (int d = 0; d < 4; ++d)
                                 v[k][d] -= f * bq[d];
                             return;
                         }
-                        const double *C = &L1->candidates[size_t(qi / S + int64_t(qj / S) * ah) * kBlockSize];
+                        const double *C = &L1->candidates[size_t(I + dI + int64_t(J + dJ) * ah) * kBlockSize];
                         for (int c = 0; c < 4; ++c)
                             defect[c] -=
                                 f * (bq[0] * C[c] + bq[1] * C[4 + c] + bq[2] * C[8 + c] + bq[3] * C[12 + c]);
@@ -380,7 +396,7 @@ void buildFirstMatrix(Multigrid *mg, const FirstLevelShape &g, MultigridLevel *L
     const int H = g.H, W = g.W, ah = g.ah, aw = g.aw, box = g.box, R = A->reach;
     const int side = box + 2 * R; // of the region A reaches from a box
     const int64_t na = int64_t(ah) * aw;
-    const std::vector<StencilRead> reads = stencilReads(A);
+    const StencilRow row(A);
     initBlockGrid(&L1->K, ah, aw);
     parallelRange(na, kParallelGrain, [&](int64_t a, int64_t end) {
         std::vector<double> U(size_t(side) * side * 4);
@@ -394,7 +410,7 @@ void buildFirstMatrix(Multigrid *mg, const FirstLevelShape &g, MultigridLevel *L
                     const float *Pa = &mg->transfer[g.at(a, i, j, I, J)];
                     if (Pa[0] == 0.0f && Pa[1] == 0.0f && Pa[2] == 0.0f && Pa[3] == 0.0f) continue;
                     // A is symmetric: column p of A is row p.
-                    forStencil(A, reads, i, j, [&](int qi, int qj, double value) {
+                    row.forEach(i, j, [&](int qi, int qj, double value) {
                         double *u = &U[(size_t(qi - u0) + size_t(qj - v0) * side) * 4];
                         for (int r = 0; r < 4; ++r)
                             u[r] += value * Pa[r];

@@ -6,7 +6,10 @@
 // the four coefficients (b, a_red, a_green, a_blue) of such a model on a block of pixels: the first
 // coarse level models blocks of 4 x 4 pixels (more for wide windows), each further level merges 2 x 2
 // blocks, and every coarse matrix is the Galerkin product P^T A P, which keeps the model exact and the
-// colour edges in place. One application is a cycle: forward Gauss-Seidel, the coarse correction,
+// colour edges in place. The first level's functions are smoothed by one Jacobi step with A, reach one
+// pixel past their block and are corrected to still sum to the colour model: a coarse correction then
+// no longer jumps at block edges, which halves the iterations, while coarse nodes still couple only to
+// their eight neighbours. One application is a cycle: forward Gauss-Seidel, the coarse correction,
 // backward Gauss-Seidel; on the coarse levels the correction is itself two flexible conjugate gradient
 // steps preconditioned by the next level (a K-cycle), which keeps the iteration count from growing with
 // the number of levels. The coarsest level is factored by banded Cholesky. Everything here only steers
