@@ -174,7 +174,7 @@ FirstLevelShape firstLevelShape(const GridMatrix *A, int S) {
     return g;
 }
 
-// Row p of A as the (2R+1)^2 elements A(p, p + (drow, dcol)), each read where A keeps it.
+// Where A keeps the (2R+1)^2 elements A(p, p + (drow, dcol)) of every row.
 struct StencilRow {
     const GridMatrix *A;
     int count = 0;
@@ -189,17 +189,46 @@ struct StencilRow {
         }
         count = int(at.size());
     }
-    // Calls f(qi, qj, A(p, q)) for every q in the image with A(p, q) != 0, p = (i, j) itself included.
-    template <class F> void forEach(int i, int j, F f) const {
-        const int H = A->height, W = A->width, R = A->reach;
-        const int64_t p = i + int64_t(j) * H;
-        const bool inside = i >= R && i < H - R && j >= R && j < W - R;
-        for (int k = 0; k < count; ++k) {
-            const int qi = i + drow[k], qj = j + dcol[k];
-            if (!inside && (qi < 0 || qi >= H || qj < 0 || qj >= W)) continue;
-            const double value = at[k][p];
-            if (value != 0.0) f(qi, qj, value);
+};
+
+// The rows of A for a few pixel columns, pixel by pixel and 0 outside the image, for the set-up kernels
+// that visit the pixels block by block: read where A keeps them (an array per diagonal), the elements of
+// one row lie in a dozen places and every row cost cache misses.
+struct RowWindow {
+    const StencilRow &stencil;
+    int first = 0, last = 0; // the pixel columns held
+    std::vector<double> values;
+    explicit RowWindow(const StencilRow &s) : stencil(s) {}
+    void load(int first_column, int last_column) {
+        const GridMatrix *A = stencil.A;
+        const int H = A->height, W = A->width, count = stencil.count;
+        first = std::max(0, first_column);
+        last = std::min(W, last_column);
+        values.resize(size_t(std::max(0, last - first)) * H * count);
+        std::vector<const double *> from(count);
+        std::vector<int> low(count), high(count);
+        for (int j = first; j < last; ++j) {
+            for (int k = 0; k < count; ++k) {
+                const int qj = j + stencil.dcol[k];
+                from[k] = stencil.at[k] + int64_t(j) * H;
+                low[k] = qj < 0 || qj >= W ? H : std::max(0, -stencil.drow[k]);
+                high[k] = std::min(H, H - stencil.drow[k]);
+            }
+            double *to = &values[size_t(j - first) * H * count];
+            for (int i = 0; i < H; ++i, to += count)
+                for (int k = 0; k < count; ++k)
+                    to[k] = i >= low[k] && i < high[k] ? from[k][i] : 0.0;
         }
+    }
+    // The elements of row p = (i, j), j in the window, in the stencil's order.
+    const double *row(int i, int j) const {
+        return &values[(size_t(i) + size_t(j - first) * stencil.A->height) * stencil.count];
+    }
+    // Calls f(qi, qj, A(p, q)) for every q with A(p, q) != 0, p = (i, j) itself included; j in the window.
+    template <class F> void forEach(int i, int j, F f) const {
+        const double *elements = row(i, j);
+        for (int k = 0; k < stencil.count; ++k)
+            if (elements[k] != 0.0) f(i + stencil.drow[k], j + stencil.dcol[k], elements[k]);
     }
 };
 
@@ -323,9 +352,13 @@ void buildTransfer(Multigrid *mg, const FirstLevelShape &g, const std::vector<fl
     }
     // Each pixel writes only its own rows, so the aggregates can go in parallel.
     parallelRange(na, kParallelGrain, [&](int64_t a, int64_t end) {
+        RowWindow rows_of_A(row);
+        int loaded = -1;
         for (; a < end; ++a) {
             if (!mg->active_block[a]) continue;
             const int I = int(a % ah), J = int(a / ah);
+            if (loaded != J) rows_of_A.load(J * S, J * S + S);
+            loaded = J;
             const int i0 = I * S, i1 = std::min(H, i0 + S), j0 = J * S, j1 = std::min(W, j0 + S);
             for (int j = j0; j < j1; ++j)
                 for (int i = i0; i < i1; ++i) {
@@ -352,7 +385,7 @@ void buildTransfer(Multigrid *mg, const FirstLevelShape &g, const std::vector<fl
                     for (int d = 0; d < 4; ++d)
                         v[own][d] = basis[size_t(p) * 4 + d];
                     const double scale = A->diag[p] > 0.0 ? 1.0 / A->diag[p] : 0.0;
-                    row.forEach(i, j, [&](int qi, int qj, double value) {
+                    rows_of_A.forEach(i, j, [&](int qi, int qj, double value) {
                         const int64_t q = qi + int64_t(qj) * H;
                         const float *bq = &basis[size_t(q) * 4];
                         const double f = scale * value;
@@ -400,22 +433,29 @@ void buildFirstMatrix(Multigrid *mg, const FirstLevelShape &g, MultigridLevel *L
     initBlockGrid(&L1->K, ah, aw);
     parallelRange(na, kParallelGrain, [&](int64_t a, int64_t end) {
         std::vector<double> U(size_t(side) * side * 4);
+        RowWindow rows_of_A(row);
+        int loaded = -1;
         for (; a < end; ++a) {
             if (!mg->active_block[a]) continue;
             const int I = int(a % ah), J = int(a / ah);
+            if (loaded != J) rows_of_A.load(g.col0(J), g.col0(J) + box);
+            loaded = J;
             const int u0 = g.row0(I) - R, v0 = g.col0(J) - R; // pixel at U's corner
             std::fill(U.begin(), U.end(), 0.0);
-            for (int j = std::max(0, g.col0(J)); j < std::min(W, g.col0(J) + box); ++j)
-                for (int i = std::max(0, g.row0(I)); i < std::min(H, g.row0(I) + box); ++i) {
-                    const float *Pa = &mg->transfer[g.at(a, i, j, I, J)];
-                    if (Pa[0] == 0.0f && Pa[1] == 0.0f && Pa[2] == 0.0f && Pa[3] == 0.0f) continue;
-                    // A is symmetric: column p of A is row p.
-                    row.forEach(i, j, [&](int qi, int qj, double value) {
-                        double *u = &U[(size_t(qi - u0) + size_t(qj - v0) * side) * 4];
+            // A is symmetric: column p of A is row p. One stencil offset at a time, so that no sum
+            // waits for the one before it.
+            const int ib = std::max(0, g.row0(I)), ie = std::min(H, g.row0(I) + box);
+            for (int k = 0; k < row.count; ++k) {
+                const int dr = row.drow[k], dc = row.dcol[k];
+                for (int j = std::max(0, g.col0(J)); j < std::min(W, g.col0(J) + box); ++j) {
+                    const double *values = rows_of_A.row(ib, j) + k;
+                    const float *Pa = &mg->transfer[g.at(a, ib, j, I, J)];
+                    double *u = &U[(size_t(ib + dr - u0) + size_t(j + dc - v0) * side) * 4];
+                    for (int i = ib; i < ie; ++i, values += row.count, Pa += 4, u += 4)
                         for (int r = 0; r < 4; ++r)
-                            u[r] += value * Pa[r];
-                    });
+                            u[r] += *values * Pa[r];
                 }
+            }
             for (int slot = kCentreSlot; slot < kBlockSlots; ++slot) {
                 const int I2 = I + slot % 3 - 1, J2 = J + slot / 3 - 1;
                 if (I2 < 0 || I2 >= ah || J2 < 0 || J2 >= aw) continue;
