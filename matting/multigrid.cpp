@@ -174,13 +174,17 @@ FirstLevelShape firstLevelShape(const GridMatrix *A, int S) {
     return g;
 }
 
-// Where A keeps the (2R+1)^2 elements A(p, p + (drow, dcol)) of every row.
-struct StencilRow {
+// The rows of A for a few pixel columns, pixel by pixel and 0 outside the image, for the set-up kernels
+// that visit the pixels block by block: read where A keeps them (an array per diagonal), the elements of
+// one row lie in a dozen places and every row cost cache misses.
+struct RowWindow {
     const GridMatrix *A;
-    int count = 0;
+    int count = 0; // elements per row, (2R+1)^2
     std::vector<int> drow, dcol;
-    std::vector<const double *> at; // A(p, p + offset k) = at[k][p]
-    explicit StencilRow(const GridMatrix *matrix) : A(matrix) {
+    std::vector<const double *> at; // A(p, p + (drow[k], dcol[k])) = at[k][p], where A keeps it
+    int first = 0, last = 0;        // the pixel columns held
+    std::vector<double> values;
+    explicit RowWindow(const GridMatrix *matrix) : A(matrix) {
         const int64_t n = gridPixels(A);
         for (const StencilRead &s : stencilReads(A)) {
             drow.push_back(s.drow);
@@ -189,19 +193,9 @@ struct StencilRow {
         }
         count = int(at.size());
     }
-};
-
-// The rows of A for a few pixel columns, pixel by pixel and 0 outside the image, for the set-up kernels
-// that visit the pixels block by block: read where A keeps them (an array per diagonal), the elements of
-// one row lie in a dozen places and every row cost cache misses.
-struct RowWindow {
-    const StencilRow &stencil;
-    int first = 0, last = 0; // the pixel columns held
-    std::vector<double> values;
-    explicit RowWindow(const StencilRow &s) : stencil(s) {}
+    // Holds the rows of the pixel columns [first_column, last_column) that lie in the image.
     void load(int first_column, int last_column) {
-        const GridMatrix *A = stencil.A;
-        const int H = A->height, W = A->width, count = stencil.count;
+        const int H = A->height, W = A->width;
         first = std::max(0, first_column);
         last = std::min(W, last_column);
         values.resize(size_t(std::max(0, last - first)) * H * count);
@@ -209,10 +203,10 @@ struct RowWindow {
         std::vector<int> low(count), high(count);
         for (int j = first; j < last; ++j) {
             for (int k = 0; k < count; ++k) {
-                const int qj = j + stencil.dcol[k];
-                from[k] = stencil.at[k] + int64_t(j) * H;
-                low[k] = qj < 0 || qj >= W ? H : std::max(0, -stencil.drow[k]);
-                high[k] = std::min(H, H - stencil.drow[k]);
+                const int qj = j + dcol[k];
+                from[k] = at[k] + int64_t(j) * H;
+                low[k] = qj < 0 || qj >= W ? H : std::max(0, -drow[k]);
+                high[k] = std::min(H, H - drow[k]);
             }
             double *to = &values[size_t(j - first) * H * count];
             for (int i = 0; i < H; ++i, to += count)
@@ -222,13 +216,13 @@ struct RowWindow {
     }
     // The elements of row p = (i, j), j in the window, in the stencil's order.
     const double *row(int i, int j) const {
-        return &values[(size_t(i) + size_t(j - first) * stencil.A->height) * stencil.count];
+        return &values[(size_t(i) + size_t(j - first) * A->height) * count];
     }
     // Calls f(qi, qj, A(p, q)) for every q with A(p, q) != 0, p = (i, j) itself included; j in the window.
     template <class F> void forEach(int i, int j, F f) const {
         const double *elements = row(i, j);
-        for (int k = 0; k < stencil.count; ++k)
-            if (elements[k] != 0.0) f(i + stencil.drow[k], j + stencil.dcol[k], elements[k]);
+        for (int k = 0; k < count; ++k)
+            if (elements[k] != 0.0) f(i + drow[k], j + dcol[k], elements[k]);
     }
 };
 
@@ -323,18 +317,6 @@ void buildTransfer(Multigrid *mg, const FirstLevelShape &g, const std::vector<fl
     const GridMatrix *A = mg->A;
     const int H = g.H, W = g.W, S = g.S, ah = g.ah, aw = g.aw;
     const int64_t na = int64_t(ah) * aw;
-    const StencilRow row(A);
-    // candidates^T candidates of every aggregate.
-    std::vector<double> gram(size_t(na) * 16, 0.0);
-    parallelRange(na, kParallelGrain, [&](int64_t a, int64_t end) {
-        for (; a < end; ++a) {
-            const double *C = &L1->candidates[size_t(a) * kBlockSize];
-            for (int c = 0; c < 4; ++c)
-                for (int e = 0; e < 4; ++e)
-                    for (int d = 0; d < 4; ++d)
-                        gram[size_t(a) * 16 + c * 4 + e] += C[d * 4 + c] * C[d * 4 + e];
-        }
-    });
     mg->transfer.assign(size_t(na) * g.box * g.box * 4, 0.0f);
     if (g.border == 0) {
         // Windows so wide that a border would couple blocks two apart: the boxes are the blocks, and
@@ -350,9 +332,20 @@ void buildTransfer(Multigrid *mg, const FirstLevelShape &g, const std::vector<fl
         });
         return;
     }
+    // candidates^T candidates of every aggregate.
+    std::vector<double> gram(size_t(na) * 16, 0.0);
+    parallelRange(na, kParallelGrain, [&](int64_t a, int64_t end) {
+        for (; a < end; ++a) {
+            const double *C = &L1->candidates[size_t(a) * kBlockSize];
+            for (int c = 0; c < 4; ++c)
+                for (int e = 0; e < 4; ++e)
+                    for (int d = 0; d < 4; ++d)
+                        gram[size_t(a) * 16 + c * 4 + e] += C[d * 4 + c] * C[d * 4 + e];
+        }
+    });
     // Each pixel writes only its own rows, so the aggregates can go in parallel.
     parallelRange(na, kParallelGrain, [&](int64_t a, int64_t end) {
-        RowWindow rows_of_A(row);
+        RowWindow rows_of_A(A);
         int loaded = -1;
         for (; a < end; ++a) {
             if (!mg->active_block[a]) continue;
@@ -429,11 +422,10 @@ void buildFirstMatrix(Multigrid *mg, const FirstLevelShape &g, MultigridLevel *L
     const int H = g.H, W = g.W, ah = g.ah, aw = g.aw, box = g.box, R = A->reach;
     const int side = box + 2 * R; // of the region A reaches from a box
     const int64_t na = int64_t(ah) * aw;
-    const StencilRow row(A);
     initBlockGrid(&L1->K, ah, aw);
     parallelRange(na, kParallelGrain, [&](int64_t a, int64_t end) {
         std::vector<double> U(size_t(side) * side * 4);
-        RowWindow rows_of_A(row);
+        RowWindow rows_of_A(A);
         int loaded = -1;
         for (; a < end; ++a) {
             if (!mg->active_block[a]) continue;
@@ -445,13 +437,13 @@ void buildFirstMatrix(Multigrid *mg, const FirstLevelShape &g, MultigridLevel *L
             // A is symmetric: column p of A is row p. One stencil offset at a time, so that no sum
             // waits for the one before it.
             const int ib = std::max(0, g.row0(I)), ie = std::min(H, g.row0(I) + box);
-            for (int k = 0; k < row.count; ++k) {
-                const int dr = row.drow[k], dc = row.dcol[k];
+            for (int k = 0; k < rows_of_A.count; ++k) {
+                const int dr = rows_of_A.drow[k], dc = rows_of_A.dcol[k];
                 for (int j = std::max(0, g.col0(J)); j < std::min(W, g.col0(J) + box); ++j) {
                     const double *values = rows_of_A.row(ib, j) + k;
                     const float *Pa = &mg->transfer[g.at(a, ib, j, I, J)];
                     double *u = &U[(size_t(ib + dr - u0) + size_t(j + dc - v0) * side) * 4];
-                    for (int i = ib; i < ie; ++i, values += row.count, Pa += 4, u += 4)
+                    for (int i = ib; i < ie; ++i, values += rows_of_A.count, Pa += 4, u += 4)
                         for (int r = 0; r < 4; ++r)
                             u[r] += *values * Pa[r];
                 }
